@@ -1,0 +1,50 @@
+#include "AppFactory.h"
+
+#include <string>
+
+#include "AppManager.h"
+#include "Logger.h"
+
+namespace FenREL {
+
+namespace {
+
+using ZUNChannel::App;
+
+// The application named by an entry, or null for a name this agent does not know.
+boost::intrusive_ptr<App> CreateApp(const std::string& name, const boost::property_tree::ptree& config)
+{
+    (void)name;
+    (void)config;
+    return nullptr;
+}
+
+}  // namespace
+
+bool AppFactory::CreateApps(const boost::property_tree::ptree& mainConfig)
+{
+    // A missing list is not caught: the process ends by the exception.
+    const boost::property_tree::ptree& apps = mainConfig.get_child("config.fenrel.apps");
+    if (apps.empty()) {
+        FLOG_VERBOSE("No App configured");
+        return false;
+    }
+    FLOG_VERBOSE("App count: %1", apps.size());
+    for (const auto& child : apps) {
+        const boost::property_tree::ptree& entry = child.second;
+        const std::string name = entry.get<std::string>("name", "");
+        // Required even when the entry is disabled.
+        const boost::property_tree::ptree& config = entry.get_child("config");
+        if (!entry.get<bool>("enabled", false)) {
+            continue;
+        }
+        boost::intrusive_ptr<App> app = CreateApp(name, config);
+        if (app) {
+            FLOG_VERBOSE("register app %1", name);
+            ZUNChannel::AppManager::Get()->RegisterApp(app);
+        }
+    }
+    return true;
+}
+
+}  // namespace FenREL

@@ -1,0 +1,135 @@
+#include "Startup.h"
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <algorithm>
+#include <cstdlib>
+#include <vector>
+
+#include <boost/thread/thread.hpp>
+
+#include "AppFactory.h"
+#include "AppManager.h"
+#include "Configuration.h"
+#include "IOWorker.h"
+#include "IoService.h"
+#include "Logger.h"
+#include "MainConfig.h"
+#include "SignalHandlers.h"
+#include "WorkGroup.h"
+#include "WorkItemImpl.h"
+
+namespace FenREL {
+
+namespace {
+
+std::vector<boost::intrusive_ptr<ZUNChannel::IOWorker>> s_ioWorkers;
+
+}  // namespace
+
+bool Startup::ParseOptions(int argc, char** argv)
+{
+    int option;
+    // "s" is admitted by the option string but has no case: it prints the usage.
+    while ((option = getopt(argc, argv, "sc:i:")) != -1) {
+        switch (option) {
+        case 'c':
+            MainConfig::SetFileName(optarg);
+            break;
+        case 'i':
+            MainConfig::SetInstanceId(static_cast<uint32_t>(strtol(optarg, nullptr, 10)));
+            break;
+        default:
+            fprintf(stderr, "Usage: %s [-c configFile] [-i instanceID]%s%s\n", argv[0], "", "");
+            return false;
+        }
+    }
+    return true;
+}
+
+void Startup::ApplyMainConfig()
+{
+    const boost::property_tree::ptree& tree = MainConfig::Tree();
+    const int ioThreads = tree.get<int>("config.fenrel.workGroup.ioThreads",
+                                        static_cast<int>(boost::thread::hardware_concurrency()));
+    const int workThreads = tree.get<int>("config.fenrel.workGroup.workThreads", 32);
+    // Counts below 1 are refused by the configuration module's assertion.
+    ZUNChannel::Configuration::SetThreads(static_cast<uint32_t>(std::max(ioThreads, 0)),
+                                          static_cast<uint32_t>(std::max(workThreads, 0)));
+    g_logLevel = tree.get<int>("config.log.level", LOGLEVEL_INFO);
+    g_logToConsole = tree.get<bool>("config.log.outputToConsole", true);
+    g_dumpConfigUpdateToLog = tree.get<bool>("config.log.dumpConfigUpdateToLog", false);
+}
+
+void Startup::StartChannelCore()
+{
+    uint32_t ioThreads = 0;
+    uint32_t workThreads = 0;
+    ZUNChannel::Configuration::GetThreads(ioThreads, workThreads);
+    ZUNChannel::WorkGroup::Get().Start(workThreads);
+    for (uint32_t i = 0; i < ioThreads; ++i) {
+        boost::intrusive_ptr<ZUNChannel::IOWorker> worker(new ZUNChannel::IOWorker());
+        s_ioWorkers.push_back(worker);
+        ZUNChannel::WorkGroup::Get().Post(
+            std::make_shared<ZUNChannel::WorkItemImpl<ZUNChannel::IOWorker>>(worker,
+                                                                            &ZUNChannel::IOWorker::Run));
+    }
+    ZUNChannel::AppManager::Create();
+}
+
+void Startup::StopChannelCore()
+{
+    // A running IOWorker's work item still holds it, and with it a work guard:
+    // the service is stopped before the pool is joined, or the join would wait
+    // for ever.
+    s_ioWorkers.clear();
+    ZUNChannel::IoService::Get()->stop();
+    ZUNChannel::WorkGroup::Get().Stop();
+}
+
+void Startup::MainLoop()
+{
+    signal(SIGPIPE, SIG_IGN);
+    sigset_t block;
+    sigset_t old;
+    sigemptyset(&block);
+    sigaddset(&block, SIGINT);
+    sigprocmask(SIG_BLOCK, &block, &old);
+    for (;;) {
+        FLOG_INFO("Fenrel daemon is looping...");
+        sigsuspend(&old);
+    }
+}
+
+int Startup::Run(int argc, char** argv)
+{
+    if (!ParseOptions(argc, argv)) {
+        return -1;
+    }
+    SignalHandlers::InstallPipeAndSupport();
+    SignalHandlers::InstallSegv();
+    if (!MainConfig::Load()) {
+        return -1;
+    }
+    ApplyMainConfig();
+    openlog("fenrel", LOG_PID, LOG_DAEMON);
+    setlogmask(255);
+
+    StartChannelCore();
+
+    if (!AppFactory::CreateApps(MainConfig::Tree())) {
+        FLOG_ERROR("Got error when initializing net applications").AddTag("errorCode:LCP00014");
+        StopChannelCore();
+        return -1;
+    }
+
+    ZUNChannel::AppManager::Get()->StartAll();
+
+    SignalHandlers::InstallCacheDump();
+    MainLoop();
+}
+
+}  // namespace FenREL
