@@ -19,10 +19,12 @@ function(fenrel_add_test name)
   if(NOT A_TIMEOUT)
     set(A_TIMEOUT 120)
   endif()
+  if(NOT A_LABELS)
+    set(A_LABELS unit)
+  endif()
   gtest_discover_tests(${name}
     DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT ${A_TIMEOUT} LABELS "${A_LABELS}"
-               ENVIRONMENT "FENREL_BINARY_DIR=${CMAKE_BINARY_DIR};FENREL_SOURCE_DIR=${CMAKE_SOURCE_DIR}")
+    PROPERTIES TIMEOUT ${A_TIMEOUT} LABELS "${A_LABELS}")
 endfunction()
 
 # fenrel_add_fuzzer(<name> SOURCES ... [LIBS ...] [CORPUS dir])

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace FenRELTest {
+
+// Writes the daemon's main configuration file for a test.
+struct MainConfigXml {
+    struct AppEntry {
+        std::string name;
+        // "" leaves <enabled> out.
+        std::string enabled = "true";
+        // Inner XML of <config>; absent when `hasConfig` is false.
+        std::string config;
+        bool hasConfig = true;
+    };
+
+    int logLevel = 5;
+    std::string ioThreads = "2";
+    std::string workThreads = "4";
+    bool withApps = true;
+    std::vector<AppEntry> apps;
+    bool withSupport = false;
+    // Inner XML of <configManager>.
+    std::string configManager;
+    std::string zunagentLinkPath;
+    // Any further XML inside <fenrel>.
+    std::string extraFenrel;
+
+    std::string ToXml() const;
+};
+
+}  // namespace FenRELTest
