@@ -3,6 +3,7 @@
 #include "Assert.h"
 #include "ExtendedApp.h"
 #include "Logger.h"
+#include "MultiControllerApp.h"
 #include "TlvCommon.h"
 
 namespace ZUNChannel {
@@ -117,6 +118,25 @@ void AppManager::ApplyHelloFeature(const uint8_t* tlv, uint32_t instance) const
     }
     FLOG_VERBOSE("App %1:%2, apply hello feature data", app->GetId(), app->GetInstance());
     app->ApplyHelloFeature(tlv);
+}
+
+void AppManager::UpdateSharding(const std::vector<boost::intrusive_ptr<ShardingSegment>>& segments,
+                                const std::string& controller, uint32_t instance)
+{
+    for (auto& entry : _apps) {
+        if (auto* app = dynamic_cast<MultiControllerApp*>(entry.second.get())) {
+            app->UpdateSharding(segments, controller, instance);
+        }
+    }
+}
+
+void AppManager::CheckSessions()
+{
+    for (auto& entry : _apps) {
+        if (auto* app = dynamic_cast<MultiControllerApp*>(entry.second.get())) {
+            app->CheckSessions();
+        }
+    }
 }
 
 }  // namespace ZUNChannel

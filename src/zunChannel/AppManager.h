@@ -2,12 +2,14 @@
 
 #include <cstdint>
 #include <map>
+#include <string>
 #include <vector>
 
 #include <boost/intrusive_ptr.hpp>
 
 #include "App.h"
 #include "RefCounter.h"
+#include "ShardingSegment.h"
 
 namespace ZUNChannel {
 
@@ -37,6 +39,11 @@ public:
     uint16_t WriteHelloFeatures(uint8_t* buffer, uint32_t instance) const;
     bool ValidateHelloFeature(const uint8_t* tlv, bool strict, uint32_t instance) const;
     void ApplyHelloFeature(const uint8_t* tlv, uint32_t instance) const;
+
+    // Passed on to every multi-controller application.
+    void UpdateSharding(const std::vector<boost::intrusive_ptr<ShardingSegment>>& segments,
+                        const std::string& controller, uint32_t instance);
+    void CheckSessions();
 
 private:
     AppManager() = default;

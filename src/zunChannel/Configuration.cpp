@@ -3,6 +3,7 @@
 #include <boost/thread/thread.hpp>
 
 #include "Assert.h"
+#include "CtrlConnPool.h"
 #include "GlobalLock.h"
 
 namespace ZUNChannel {
@@ -54,6 +55,13 @@ void GetConnList(std::vector<ConnConfig>& out)
     out = s_connList;
 }
 
+void SetConnList(const std::vector<ConnConfig>& list)
+{
+    ASSERT(IsLockAvailable());
+    s_connList = list;
+    CtrlConnPool::Get()->UpdateControllers(s_connList);
+}
+
 void GetControllerIPs(std::vector<std::string>& out)
 {
     ASSERT(IsLockAvailable());
@@ -71,6 +79,16 @@ bool GetHostCertFiles(std::string& keyFile, std::string& certFile)
     keyFile = s_hostKeyFile;
     certFile = s_hostCertFile;
     return true;
+}
+
+void SetHostCertFiles(const std::string& keyFile, const std::string& certFile)
+{
+    ASSERT(IsLockAvailable());
+    // The pool would make a context from nothing.
+    ASSERT(!keyFile.empty() && !certFile.empty());
+    s_hostKeyFile = keyFile;
+    s_hostCertFile = certFile;
+    CtrlConnPool::Get()->SetHostCert(keyFile, certFile);
 }
 
 void AddNodeUuid(const UUID& uuid)

@@ -14,10 +14,13 @@
 #include "AppFactory.h"
 #include "AppManager.h"
 #include "Configuration.h"
+#include "CoreApp.h"
+#include "CtrlConnPool.h"
 #include "IOWorker.h"
 #include "IoService.h"
 #include "Logger.h"
 #include "MainConfig.h"
+#include "ShardingMgr.h"
 #include "SignalHandlers.h"
 #include "WorkGroup.h"
 #include "WorkItemImpl.h"
@@ -78,6 +81,10 @@ void Startup::StartChannelCore()
                                                                             &ZUNChannel::IOWorker::Run));
     }
     ZUNChannel::AppManager::Create();
+    ZUNChannel::CtrlConnPool::Init();
+    ZUNChannel::ShardingMgr::Init();
+    ZUNChannel::CoreApp::Init();
+    ZUNChannel::AppManager::Get()->RegisterApp(ZUNChannel::CoreApp::Get());
 }
 
 void Startup::StopChannelCore()
@@ -85,6 +92,7 @@ void Startup::StopChannelCore()
     // A running IOWorker's work item still holds it, and with it a work guard:
     // the service is stopped before the pool is joined, or the join would wait
     // for ever.
+    ZUNChannel::ShardingMgr::Destroy();
     s_ioWorkers.clear();
     ZUNChannel::IoService::Get()->stop();
     ZUNChannel::WorkGroup::Get().Stop();
