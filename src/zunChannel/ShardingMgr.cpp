@@ -39,7 +39,9 @@ void ShardingMgr::Destroy()
 bool ShardingMgr::SetSliceLength(uint32_t length)
 {
     ASSERT(IsLockAvailable());
-    if (length == _sliceLength) {
+    // Zero is no length at all: it is refused as too small even before the
+    // first hello, when it equals the unset length.
+    if (length == _sliceLength && length != 0) {
         return true;
     }
     if (length < kMinSliceLength) {
