@@ -1,0 +1,355 @@
+#include "CommandShell.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+#include <sstream>
+
+#include "ControllerSim.h"
+#include "Hex.h"
+
+namespace CtrlSim {
+
+namespace {
+
+// The reply to an action on `connection` (the current one when unset).
+std::string Outcome(bool done, const std::optional<size_t>& connection)
+{
+    if (done) {
+        return "";
+    }
+    return connection ? "connection " + std::to_string(*connection) + " is not up" : "no connection is up";
+}
+
+// Runs `action` on the connection that args[at] names, or on the current one
+// when there is no args[at].
+std::string OnConnection(const std::vector<std::string>& args, size_t at,
+                         const std::function<bool(std::optional<size_t>)>& action)
+{
+    std::optional<size_t> connection;
+    if (args.size() > at) {
+        connection = CommandShell::ParseNumber(args[at], SIZE_MAX);
+        if (!connection) {
+            return "bad connection index " + args[at];
+        }
+    }
+    return Outcome(action(connection), connection);
+}
+
+// Sets an optional 16- or 32-bit field from a number or "none".
+template <typename T>
+std::string SetOptional(std::optional<T>& field, const std::string& value)
+{
+    if (value == "none") {
+        field.reset();
+        return "";
+    }
+    const auto number = CommandShell::ParseNumber(value, std::numeric_limits<T>::max());
+    if (!number) {
+        return "bad value " + value;
+    }
+    field = static_cast<T>(*number);
+    return "";
+}
+
+std::string SetByte(uint8_t& field, const std::string& value)
+{
+    const auto number = CommandShell::ParseNumber(value, 0xFF);
+    if (!number) {
+        return "bad byte " + value;
+    }
+    field = static_cast<uint8_t>(*number);
+    return "";
+}
+
+std::string AddFeature(Hello& hello, const std::string& value)
+{
+    // ID:VERSION[:HEX]
+    const size_t first = value.find(':');
+    const size_t second = first == std::string::npos ? first : value.find(':', first + 1);
+    const auto id = CommandShell::ParseNumber(value.substr(0, first), 0xFFFF);
+    const auto version = first == std::string::npos
+                             ? std::nullopt
+                             : CommandShell::ParseNumber(value.substr(first + 1, second - first - 1), 0xFF);
+    const auto data = second == std::string::npos ? std::optional<Bytes>(Bytes()) : FromHex(value.substr(second + 1));
+    if (!id || !version || !data) {
+        return "bad feature " + value + ", expected ID:VERSION[:HEX]";
+    }
+    hello.features.push_back(HelloFeature{static_cast<uint16_t>(*id), static_cast<uint8_t>(*version), *data});
+    return "";
+}
+
+}  // namespace
+
+CommandShell::CommandShell(ControllerSim& sim) : _sim(sim)
+{
+    _commands = {
+        {"keepalive", "keepalive on|off", 1, 1, [this](const Args& args) { return KeepAlive(args); }},
+        {"keepalive-period", "keepalive-period <ms>|auto", 1, 1,
+         [this](const Args& args) { return KeepAlivePeriod(args); }},
+        {"hello-mode", "hello-mode answer|first|silent", 1, 1, [this](const Args& args) { return HelloMode(args); }},
+        {"hello-set", "hello-set <field> <value>   (fields as the options: max-pkt-len 1000, node-uuid none, ...)",
+         2, 2, [this](const Args& args) { return HelloSet(args); }},
+        {"hello", "hello [conn]", 0, 1, [this](const Args& args) { return SendHello(args); }},
+        {"send", "send <type> <protocolID> <hex body|-> [fragment N] [session S] [version V] [conn C]", 3, 11,
+         [this](const Args& args) { return Send(args); }},
+        {"raw", "raw <hex> [conn]", 1, 2, [this](const Args& args) { return Raw(args); }},
+        {"close", "close [conn]", 0, 1, [this](const Args& args) { return Close(args); }},
+        {"accept", "accept on|refuse|off", 1, 1, [this](const Args& args) { return Accept(args); }},
+        {"status", "status", 0, 0, [this](const Args& args) { return Status(args); }},
+        {"quit", "quit", 0, 0, [this](const Args& args) { return Quit(args); }},
+    };
+}
+
+std::string CommandShell::Execute(const std::string& line)
+{
+    std::istringstream in(line);
+    std::string name;
+    Args args;
+    in >> name;
+    for (std::string word; in >> word;) {
+        args.push_back(word);
+    }
+    if (name.empty()) {
+        return "";
+    }
+    if (name == "help") {
+        return Help() + "ok\n";
+    }
+    for (const Command& command : _commands) {
+        if (command.name != name) {
+            continue;
+        }
+        if (args.size() < command.minArgs || args.size() > command.maxArgs) {
+            return "error usage: " + command.usage + "\n";
+        }
+        _output.clear();
+        std::string error;
+        try {
+            error = command.run(args);
+        } catch (const std::exception& e) {
+            error = e.what();
+        }
+        return _output + (error.empty() ? "ok\n" : "error " + error + "\n");
+    }
+    return "error unknown command " + name + " (try help)\n";
+}
+
+std::string CommandShell::Help() const
+{
+    std::string text = "help\n";
+    for (const Command& command : _commands) {
+        text += command.usage + "\n";
+    }
+    return text;
+}
+
+std::optional<uint64_t> CommandShell::ParseNumber(const std::string& text, uint64_t max)
+{
+    if (text.empty() || text[0] == '-' || text[0] == '+') {
+        return std::nullopt;
+    }
+    try {
+        size_t used = 0;
+        const unsigned long long value = std::stoull(text, &used, 0);
+        if (used != text.size() || value > max) {
+            return std::nullopt;
+        }
+        return value;
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
+
+std::string CommandShell::SetHelloField(Hello& hello, const std::string& field, const std::string& value)
+{
+    if (field == "version") {
+        return SetByte(hello.version, value);
+    }
+    if (field == "flags") {
+        return SetByte(hello.helloFlags, value);
+    }
+    if (field == "max-pkt-len") {
+        return SetOptional(hello.maxPktLen, value);
+    }
+    if (field == "keepalive-interval") {
+        return SetOptional(hello.keepAliveInterval, value);
+    }
+    if (field == "msg-frequency") {
+        return SetOptional(hello.msgFrequency, value);
+    }
+    if (field == "slice-length") {
+        return SetOptional(hello.shardingSliceLength, value);
+    }
+    if (field == "node-uuid") {
+        if (value == "none") {
+            hello.nodeUuid.reset();
+            return "";
+        }
+        const auto bytes = FromHex(value);
+        if (!bytes || bytes->size() != 16) {
+            return "bad UUID " + value;
+        }
+        Uuid uuid;
+        std::copy(bytes->begin(), bytes->end(), uuid.begin());
+        hello.nodeUuid = uuid;
+        return "";
+    }
+    if (field == "feature") {
+        return AddFeature(hello, value);
+    }
+    if (field == "features" && value == "none") {
+        hello.features.clear();
+        return "";
+    }
+    if (field == "extra-tlvs") {
+        const auto bytes = FromHex(value == "none" ? "" : value);
+        if (!bytes) {
+            return "bad hex " + value;
+        }
+        hello.extraTlvs = *bytes;
+        return "";
+    }
+    return "unknown hello field " + field;
+}
+
+std::string CommandShell::KeepAlive(const Args& args)
+{
+    if (args[0] != "on" && args[0] != "off") {
+        return "expected on or off";
+    }
+    _sim.Core().SetKeepAliveEnabled(args[0] == "on");
+    return "";
+}
+
+std::string CommandShell::KeepAlivePeriod(const Args& args)
+{
+    if (args[0] == "auto") {
+        _sim.Core().SetKeepAlivePeriod(std::nullopt);
+        return "";
+    }
+    const auto ms = ParseNumber(args[0], 24u * 3600 * 1000);
+    if (!ms) {
+        return "bad period " + args[0];
+    }
+    _sim.Core().SetKeepAlivePeriod(std::chrono::milliseconds(*ms));
+    return "";
+}
+
+std::string CommandShell::HelloMode(const Args& args)
+{
+    if (args[0] == "answer") {
+        _sim.Core().SetHelloMode(CtrlSim::HelloMode::Answer);
+    } else if (args[0] == "first") {
+        _sim.Core().SetHelloMode(CtrlSim::HelloMode::SendFirst);
+    } else if (args[0] == "silent") {
+        _sim.Core().SetHelloMode(CtrlSim::HelloMode::Silent);
+    } else {
+        return "expected answer, first or silent";
+    }
+    return "";
+}
+
+std::string CommandShell::HelloSet(const Args& args)
+{
+    Hello hello = _sim.Core().GetHello();
+    const std::string error = SetHelloField(hello, args[0], args[1]);
+    if (error.empty()) {
+        _sim.Core().SetHello(hello);
+    }
+    return error;
+}
+
+std::string CommandShell::SendHello(const Args& args)
+{
+    return OnConnection(args, 0, [this](std::optional<size_t> connection) { return _sim.SendHello(connection); });
+}
+
+std::string CommandShell::Send(const Args& args)
+{
+    OutMessage msg;
+    const auto type = ParseNumber(args[0], 0xFFFF);
+    const auto protocolId = ParseNumber(args[1], 0xFFFF);
+    const auto body = FromHex(args[2] == "-" ? "" : args[2]);
+    if (!type || !protocolId || !body) {
+        return "bad type, protocolID or body";
+    }
+    msg.type = static_cast<uint16_t>(*type);
+    msg.protocolId = static_cast<uint16_t>(*protocolId);
+    msg.body = *body;
+    std::optional<size_t> connection;
+    for (size_t i = 3; i < args.size(); i += 2) {
+        if (i + 1 >= args.size()) {
+            return "missing value of " + args[i];
+        }
+        const std::string& key = args[i];
+        const std::string& value = args[i + 1];
+        const auto number = ParseNumber(value, key == "fragment" || key == "conn" ? SIZE_MAX : 0xFFFFFFFF);
+        if (!number) {
+            return "bad value of " + key;
+        }
+        if (key == "fragment") {
+            msg.frameLimit = *number;
+        } else if (key == "session") {
+            msg.sessionId = static_cast<uint32_t>(*number);
+        } else if (key == "version" && *number <= 0xFF) {
+            msg.version = static_cast<uint8_t>(*number);
+        } else if (key == "conn") {
+            connection = *number;
+        } else {
+            return "bad option " + key + " " + value;
+        }
+    }
+    return Outcome(_sim.SendMessage(msg, connection), connection);
+}
+
+std::string CommandShell::Raw(const Args& args)
+{
+    const auto bytes = FromHex(args[0]);
+    if (!bytes) {
+        return "bad hex";
+    }
+    return OnConnection(args, 1, [&](std::optional<size_t> connection) { return _sim.SendRaw(*bytes, connection); });
+}
+
+std::string CommandShell::Close(const Args& args)
+{
+    return OnConnection(args, 0,
+                        [this](std::optional<size_t> connection) { return _sim.CloseConnection(connection); });
+}
+
+std::string CommandShell::Accept(const Args& args)
+{
+    if (args[0] == "on") {
+        _sim.SetAcceptMode(ControllerSim::AcceptMode::Accept);
+    } else if (args[0] == "refuse") {
+        _sim.SetAcceptMode(ControllerSim::AcceptMode::CloseAtOnce);
+    } else if (args[0] == "off") {
+        _sim.SetAcceptMode(ControllerSim::AcceptMode::NotListening);
+    } else {
+        return "expected on, refuse or off";
+    }
+    return "";
+}
+
+std::string CommandShell::Status(const Args&)
+{
+    const Recording recording = _sim.Snapshot();
+    for (const ConnectionRecord& connection : recording.connections) {
+        _output += connection.ToString() + "\n";
+    }
+    const auto current = _sim.CurrentConnection();
+    _output += "connections " + std::to_string(recording.connections.size()) + " messages " +
+               std::to_string(recording.messages.size()) + " violations " +
+               std::to_string(recording.violations.size()) + " current " +
+               (current ? std::to_string(*current) : std::string("none")) + "\n";
+    return "";
+}
+
+std::string CommandShell::Quit(const Args&)
+{
+    _quit = true;
+    return "";
+}
+
+}  // namespace CtrlSim

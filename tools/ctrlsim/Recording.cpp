@@ -1,0 +1,65 @@
+#include "Recording.h"
+
+#include <cstdio>
+
+#include "Hex.h"
+
+namespace CtrlSim {
+
+namespace {
+
+// Milliseconds of `t` on the steady clock, to compare the times of lines.
+long long Millis(SteadyTime t)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
+}
+
+}  // namespace
+
+std::string RecordedMessage::ToString(size_t maxBodyBytes) const
+{
+    char head[160];
+    snprintf(head, sizeof(head), "conn %zu recv type %u proto %u session 0x%08x v%u frames %zu bodylen %zu body ",
+             connection, header.type, header.protocolId, header.sessionId, header.version, frameCount, body.size());
+    std::string text = head;
+    if (body.size() > maxBodyBytes) {
+        text += ToHex(body.data(), maxBodyBytes) + "...";
+    } else {
+        text += ToHex(body);
+    }
+    return text;
+}
+
+std::string ConnectionRecord::ToString() const
+{
+    std::string text = "conn " + std::to_string(index) + " from port " + std::to_string(peerPort) + " accepted at " +
+                       std::to_string(Millis(accepted)) + " ms";
+    if (established) {
+        text += ", up at " + std::to_string(Millis(*established)) + " ms";
+    }
+    if (closed) {
+        text += ", closed at " + std::to_string(Millis(*closed)) + " ms (" + closeReason + ")";
+    }
+    return text;
+}
+
+std::string Recording::Summary(size_t lastMessages) const
+{
+    std::string text;
+    for (const ConnectionRecord& connection : connections) {
+        text += connection.ToString() + "\n";
+    }
+    for (const Violation& violation : violations) {
+        text += "conn " + std::to_string(violation.connection) + " violation: " + violation.text + "\n";
+    }
+    const size_t first = messages.size() > lastMessages ? messages.size() - lastMessages : 0;
+    if (first > 0) {
+        text += "(" + std::to_string(first) + " earlier messages)\n";
+    }
+    for (size_t i = first; i < messages.size(); ++i) {
+        text += messages[i].ToString() + "\n";
+    }
+    return text;
+}
+
+}  // namespace CtrlSim
