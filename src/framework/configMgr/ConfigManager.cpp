@@ -84,6 +84,18 @@ bool SameEndpoint(const ZUNChannel::ConnConfig& a, const std::string& server, in
     return a.server == server && a.port == port;
 }
 
+// The file is read without trimming, as certificates span lines; the layout
+// between elements is dropped here so that rewrites do not pile it up.
+void DropLayoutWhitespace(pt::ptree& node)
+{
+    if (!node.empty() && node.data().find_first_not_of(" \t\r\n") == std::string::npos) {
+        node.data().clear();
+    }
+    for (pt::ptree::value_type& child : node) {
+        DropLayoutWhitespace(child.second);
+    }
+}
+
 bool WriteAll(int fd, const char* data, size_t size)
 {
     while (size > 0) {
@@ -218,6 +230,7 @@ bool ConfigManager::ReadControllerFile(const std::string& file, pt::ptree& tree,
 {
     try {
         pt::read_xml(file, tree, pt::xml_parser::no_comments);
+        DropLayoutWhitespace(tree);
     } catch (const std::exception& failure) {
         error = failure.what();
         tree.clear();
