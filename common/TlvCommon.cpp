@@ -15,6 +15,7 @@ const uint8_t* TlvCommon::First(const uint8_t* list, size_t len)
         return Length(list) <= kHeaderLen ? list : nullptr;
     }
     if (len < kHeaderLen) {
+        // Not even a length to read.
         return nullptr;
     }
     // A first TLV longer than its whole list: the sender's framing is broken.
@@ -24,19 +25,24 @@ const uint8_t* TlvCommon::First(const uint8_t* list, size_t len)
 
 const uint8_t* TlvCommon::Next(const uint8_t* current, const uint8_t* end)
 {
-    const uint16_t length = Length(current);
-    if (length < kHeaderLen) {
-        // A TLV shorter than its own header cannot be stepped over; the list
-        // ends here rather than spinning on it.
+    const size_t length = Length(current);
+    if (length == 0) {
+        // A TLV of length 0 would be its own successor: the list ends here
+        // rather than spinning on it.
         return nullptr;
     }
-    const uint8_t* next = current + length;
-    if (next == end) {
+    // Sizes, not pointers, so that an overlong TLV never forms a pointer
+    // beyond its buffer.
+    const size_t remaining = static_cast<size_t>(end - current);
+    // The current TLV itself must lie inside the list.
+    ASSERT(length <= remaining);
+    if (length == remaining) {
         return nullptr;
     }
     // The next TLV, header and value, must lie inside the list.
-    ASSERT(next < end && static_cast<size_t>(end - next) >= kHeaderLen);
-    ASSERT(Length(next) <= static_cast<size_t>(end - next));
+    const uint8_t* next = current + length;
+    const size_t left = remaining - length;
+    ASSERT(left >= kHeaderLen && Length(next) <= left);
     return next;
 }
 

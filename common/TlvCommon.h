@@ -24,7 +24,8 @@ public:
 
     // The first TLV of a list of `len` bytes, or null when there is none.
     static const uint8_t* First(const uint8_t* list, size_t len);
-    // The TLV behind `current`, or null at `end`.
+    // The TLV behind `current`, or null at `end`. A TLV of length 0 ends the
+    // list; any other length, however short, is stepped over as it stands.
     static const uint8_t* Next(const uint8_t* current, const uint8_t* end);
 
     static uint16_t Type(const uint8_t* tlv);
