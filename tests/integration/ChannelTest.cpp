@@ -1,0 +1,331 @@
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "AppManager.h"
+#include "Configuration.h"
+#include "ControllerSim.h"
+#include "CoreApp.h"
+#include "CtrlConn.h"
+#include "CtrlConnEvent.h"
+#include "CtrlConnPool.h"
+#include "CtrlMsg.h"
+#include "ExtendedApp.h"
+#include "GlobalLock.h"
+#include "IOWorker.h"
+#include "SelfSignedCert.h"
+#include "ShardingMgr.h"
+#include "TempDir.h"
+#include "WaitFor.h"
+#include "WorkGroup.h"
+#include "WorkItemImpl.h"
+
+// The controller channel of this process against simulated controllers over
+// real sockets: TLS pinning, hello, keep-alive, framing faults, reconnect
+// timing and large messages.
+namespace {
+
+using namespace ZUNChannel;
+using namespace std::chrono_literals;
+using FenRELTest::WaitFor;
+
+constexpr uint16_t kTestAppId = 0x0200;
+
+// The I/O threads run for the whole test binary, as in the daemon.
+class ChannelEnvironment : public testing::Environment {
+public:
+    void SetUp() override
+    {
+        WorkGroup::Get().Start(6);
+        for (int i = 0; i < 2; ++i) {
+            boost::intrusive_ptr<IOWorker> worker(new IOWorker());
+            WorkGroup::Get().Post(std::make_shared<WorkItemImpl<IOWorker>>(worker, &IOWorker::Run));
+        }
+    }
+};
+testing::Environment* const s_environment = testing::AddGlobalTestEnvironment(new ChannelEnvironment());
+
+// An application that keeps what reaches it; read under the global lock.
+class TestApp : public ExtendedApp {
+public:
+    TestApp() : ExtendedApp(kTestAppId, 0, "TestApp") {}
+    void HandleEvent(const boost::intrusive_ptr<Event>& event) override
+    {
+        if (event->GetCategory() == Event::CTRL_CONN_EVENT) {
+            events.push_back(static_cast<const CtrlConnEvent*>(event.get())->IsConnLost() ? "lost" : "ready");
+        }
+    }
+    void HandleMsg(const uint8_t* message, uint32_t size, const ConnKey&) override
+    {
+        messages.emplace_back(message, message + size);
+    }
+
+    std::vector<std::string> events;
+    std::vector<std::vector<uint8_t>> messages;
+};
+
+class ChannelTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        _controllerCert = CtrlSim::SelfSignedCert::Make(_dir.Path(), "controller");
+        _hostCert = CtrlSim::SelfSignedCert::Make(_dir.Path(), "host");
+        GlobalLockGuard lock;
+        AppManager::Create();
+        CtrlConnPool::Init();
+        ShardingMgr::Init();
+        CoreApp::Init();
+        AppManager::Get()->RegisterApp(CoreApp::Get());
+        _app = new TestApp();
+        AppManager::Get()->RegisterApp(_app);
+        CoreApp::Get()->Start();
+    }
+
+    void TearDown() override
+    {
+        for (auto& sim : _sims) {
+            sim->Stop();
+        }
+        GlobalLockGuard lock;
+        Configuration::SetConnList({});
+        CoreApp::Destroy();
+        CtrlConnPool::Destroy();
+        ShardingMgr::Destroy();
+        AppManager::Destroy();
+        Configuration::ClearNodeUuids();
+    }
+
+    CtrlSim::ControllerSim& StartSim(bool tls, const std::string& address = "127.0.0.1")
+    {
+        CtrlSim::ControllerSim::Options options;
+        options.address = address;
+        if (tls) {
+            options.keyFile = _controllerCert.keyFile;
+            options.certFile = _controllerCert.certFile;
+        }
+        _sims.push_back(std::make_unique<CtrlSim::ControllerSim>(options));
+        _sims.back()->Start();
+        return *_sims.back();
+    }
+
+    // Points the controller list at `sim`, pinning `pem` when TLS is on, and
+    // has the test app use the connection.
+    void Connect(CtrlSim::ControllerSim& sim, bool tls, const std::string& pem, bool hostCert = true)
+    {
+        GlobalLockGuard lock;
+        if (hostCert) {
+            Configuration::SetHostCertFiles(_hostCert.keyFile, _hostCert.certFile);
+        }
+        X509* cert = nullptr;
+        if (!pem.empty()) {
+            BIO* bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
+            cert = PEM_read_bio_X509(bio, nullptr, nullptr, nullptr);
+            BIO_free(bio);
+        }
+        Configuration::SetConnList({ConnConfig(sim.Address(), sim.Port(), "", cert, tls)});
+        _key = ConnKey(sim.Address(), 0);
+        CtrlConnPool::Get()->RegisterConn(_key, _app->GetKey());
+    }
+
+    std::string Status()
+    {
+        GlobalLockGuard lock;
+        return CtrlConnPool::Get()->GetConnStatus(_key);
+    }
+
+    testing::AssertionResult WaitForStatus(const std::string& prefix, std::chrono::milliseconds timeout)
+    {
+        return WaitFor([&] { return Status().compare(0, prefix.size(), prefix) == 0; }, timeout,
+                       "connection status \"" + prefix + "\"", [&] { return Status(); });
+    }
+
+    testing::AssertionResult WaitForReady(std::chrono::milliseconds timeout)
+    {
+        return WaitFor(
+            [&] {
+                GlobalLockGuard lock;
+                return CtrlConnPool::Get()->IsReady(_key);
+            },
+            timeout, "the connection to become ready", [&] { return _sims.back()->Summary(); });
+    }
+
+    FenRELTest::TempDir _dir;
+    CtrlSim::SelfSignedCert _controllerCert;
+    CtrlSim::SelfSignedCert _hostCert;
+    boost::intrusive_ptr<TestApp> _app;
+    std::vector<std::unique_ptr<CtrlSim::ControllerSim>> _sims;
+    ConnKey _key;
+};
+
+TEST_F(ChannelTest, PinnedControllerGetsTheHelloFirstAndTheConnectionBecomesReady)
+{
+    UUID node;
+    ASSERT_TRUE(UUID::FromString("0a0b0c0d-0000-4000-8000-00000000abcd", node));
+    {
+        GlobalLockGuard lock;
+        Configuration::AddNodeUuid(node);
+    }
+    auto& sim = StartSim(true);
+    Connect(sim, true, _controllerCert.certPem);
+    ASSERT_TRUE(WaitForReady(10s));
+
+    const auto messages = sim.Messages();
+    ASSERT_FALSE(messages.empty());
+    const auto hello = CtrlSim::Hello::Decode(messages.front());
+    ASSERT_TRUE(hello) << messages.front().ToString();
+    // 40 bytes and the test app's 5-byte feature.
+    EXPECT_EQ(45u, messages.front().raw.size());
+    ASSERT_TRUE(hello->nodeUuid);
+    EXPECT_EQ(0, memcmp(hello->nodeUuid->data(), node.GetBytes().data(), 16));
+    ASSERT_EQ(1u, hello->features.size());
+    EXPECT_EQ(kTestAppId, hello->features[0].appId);
+    EXPECT_EQ("", Status());
+    GlobalLockGuard lock;
+    EXPECT_EQ((std::vector<std::string>{"ready"}), _app->events);
+    EXPECT_TRUE(sim.Violations().empty()) << sim.Summary();
+}
+
+TEST_F(ChannelTest, ConnectionFailuresAreToldApart)
+{
+    // Another controller's certificate than the pinned one.
+    auto other = CtrlSim::SelfSignedCert::Make(_dir.Path(), "impostor");
+    auto& sim = StartSim(true);
+    Connect(sim, true, other.certPem);
+    EXPECT_TRUE(WaitForStatus("host_rejected_controller_cert", 10s));
+    EXPECT_TRUE(sim.WaitForAccepted(1, 1s));
+    EXPECT_EQ(0u, sim.MessageCount());
+}
+
+TEST_F(ChannelTest, MissingCertificatesAndRefusalsHaveTheirOwnStatus)
+{
+    auto& tls = StartSim(true);
+    Connect(tls, true, "", true);
+    EXPECT_TRUE(WaitForStatus("incomplete_controller_cert", 10s));
+    {
+        GlobalLockGuard lock;
+        CtrlConnPool::Get()->UnregisterConn(_key, _app->GetKey());
+        Configuration::SetConnList({});
+    }
+    auto& plain = StartSim(false, "127.0.0.2");
+    plain.SetAcceptMode(CtrlSim::ControllerSim::AcceptMode::NotListening);
+    Connect(plain, false, "", false);
+    EXPECT_TRUE(WaitForStatus("connection_refused", 10s));
+}
+
+TEST_F(ChannelTest, SilentControllerIsResetAfterThreeIntervalsAndReconnectedAfterASecond)
+{
+    auto& sim = StartSim(false);
+    auto hello = CtrlSim::Hello::ControllerDefault();
+    hello.keepAliveInterval = 1;
+    sim.Core().SetHello(hello);
+    sim.Core().SetKeepAliveEnabled(false);
+    Connect(sim, false, "");
+    ASSERT_TRUE(WaitForReady(10s));
+    ASSERT_TRUE(sim.WaitForClosed(0, 10s)) << sim.Summary();
+    EXPECT_EQ("keep_alive_timeout", Status());
+    ASSERT_TRUE(sim.WaitForUp(1, 10s)) << sim.Summary();
+    const auto connections = sim.Connections();
+    const auto silence = connections[0].closed.value() - connections[0].established.value();
+    EXPECT_GE(silence, 2500ms);  // three intervals, sampled every quarter
+    EXPECT_LT(silence, 5000ms);
+    const auto gap = connections[1].accepted - connections[0].closed.value();
+    EXPECT_GE(gap, 900ms);
+    EXPECT_LT(gap, 2500ms);
+}
+
+TEST_F(ChannelTest, AgentSendsKeepAlivesWhenItHasNothingElseToSay)
+{
+    auto& sim = StartSim(false);
+    auto hello = CtrlSim::Hello::ControllerDefault();
+    hello.keepAliveInterval = 1;
+    sim.Core().SetHello(hello);
+    Connect(sim, false, "");
+    ASSERT_TRUE(WaitForReady(10s));
+    EXPECT_TRUE(sim.WaitForMessageCount(CtrlSim::ControllerSim::MessageOf(CtrlSim::MsgType::KeepAlive, 0), 2, 10s))
+        << sim.Summary();
+    // The controller's own keep-alives keep the connection up.
+    EXPECT_EQ(1u, sim.AcceptedCount());
+    EXPECT_TRUE(sim.Violations().empty()) << sim.Summary();
+}
+
+struct BadFrame {
+    const char* name;
+    std::vector<uint8_t> bytes;
+    const char* status;
+};
+
+class BadFrameTest : public ChannelTest, public testing::WithParamInterface<BadFrame> {};
+
+TEST_P(BadFrameTest, ResetsAndReconnects)
+{
+    auto& sim = StartSim(false);
+    Connect(sim, false, "");
+    ASSERT_TRUE(WaitForReady(10s));
+    ASSERT_TRUE(sim.SendRaw(GetParam().bytes));
+    EXPECT_TRUE(WaitForStatus(GetParam().status, 10s));
+    EXPECT_TRUE(sim.WaitForUp(1, 10s)) << sim.Summary();
+    EXPECT_TRUE(WaitForReady(10s));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Frames, BadFrameTest,
+    testing::Values(BadFrame{"WrongMarker",
+                             {1, 0xBA, 0xDB, 0xEF, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0, 2, 0, 15, 0, 0},
+                             "other_error: received wrong marker"},
+                    // 4097 bytes against the default frame limit of 4096.
+                    BadFrame{"Overlong",
+                             {1, 0xBA, 0xDB, 0xEE, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0, 7, 0x10, 0x01, 0, 0},
+                             "other_error: received wrong message length"}),
+    [](const testing::TestParamInfo<BadFrame>& info) { return info.param.name; });
+
+TEST_F(ChannelTest, FailedAttemptsRetryEveryFiveSeconds)
+{
+    auto& sim = StartSim(true);
+    sim.SetAcceptMode(CtrlSim::ControllerSim::AcceptMode::CloseAtOnce);
+    Connect(sim, true, _controllerCert.certPem);
+    ASSERT_TRUE(sim.WaitForAccepted(3, 20s)) << sim.Summary();
+    const auto connections = sim.Connections();
+    for (size_t i = 1; i < 3; ++i) {
+        const auto gap = connections[i].accepted - connections[i - 1].accepted;
+        EXPECT_GE(gap, 4500ms) << "attempt " << i;
+        EXPECT_LT(gap, 6500ms) << "attempt " << i;
+    }
+    EXPECT_EQ("controller_rejected_host_cert", Status());
+}
+
+TEST_F(ChannelTest, FragmentedMessageArrivesWhole)
+{
+    auto& sim = StartSim(false);
+    Connect(sim, false, "");
+    ASSERT_TRUE(WaitForReady(10s));
+    CtrlSim::OutMessage big;
+    big.type = CtrlSim::MsgType::AppData;
+    big.protocolId = kTestAppId;
+    big.body.resize(70000 - 15);
+    for (size_t i = 0; i < big.body.size(); ++i) {
+        big.body[i] = static_cast<uint8_t>(i * 7 + i / 251);
+    }
+    big.frameLimit = 4096;
+    ASSERT_TRUE(sim.SendMessage(big));
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            GlobalLockGuard lock;
+            return !_app->messages.empty();
+        },
+        10s, "the message at the test app"));
+    GlobalLockGuard lock;
+    const std::vector<uint8_t>& got = _app->messages.front();
+    ASSERT_EQ(70000u, got.size());
+    // The 16-bit length of a reassembled message is truncated; its size is not.
+    EXPECT_EQ(4464, CtrlMsg::Length(got.data()));
+    EXPECT_EQ(kTestAppId, CtrlMsg::ProtocolId(got.data()));
+    EXPECT_EQ(0, CtrlMsg::Flags(got.data()));
+    EXPECT_TRUE(std::equal(big.body.begin(), big.body.end(), got.begin() + 15));
+}
+
+}  // namespace
