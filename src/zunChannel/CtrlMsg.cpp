@@ -18,6 +18,15 @@ constexpr size_t kOffsetSessionId = 5;
 constexpr size_t kOffsetType = 9;
 constexpr size_t kOffsetLength = 11;
 constexpr size_t kOffsetProtocolId = 13;
+
+// Half a protocol state is worse than a restart by the supervisor.
+[[noreturn]] void AllocFailed()
+{
+    syslog(LOG_ERR, "FENREL_ALLOC_FAIL : FenREL error: no memory!");
+    fflush(nullptr);
+    exit(1);
+}
+
 }  // namespace
 
 bool CtrlMsg::HasMarker(const uint8_t* msg)
@@ -86,12 +95,18 @@ uint8_t* CtrlMsg::AllocBuffer(size_t size)
 {
     void* buffer = malloc(size);
     if (buffer == nullptr) {
-        // Half a protocol state is worse than a restart by the supervisor.
-        syslog(LOG_ERR, "FENREL_ALLOC_FAIL : FenREL error: no memory!");
-        fflush(nullptr);
-        exit(1);
+        AllocFailed();
     }
     return static_cast<uint8_t*>(buffer);
+}
+
+uint8_t* CtrlMsg::ReallocBuffer(uint8_t* buffer, size_t size)
+{
+    void* grown = realloc(buffer, size);
+    if (grown == nullptr) {
+        AllocFailed();
+    }
+    return static_cast<uint8_t*>(grown);
 }
 
 uint8_t* CtrlMsg::New(uint16_t type, uint16_t protocolId, size_t bodyLength)

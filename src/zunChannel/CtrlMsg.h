@@ -66,6 +66,8 @@ public:
     // "FENREL_ALLOC_FAIL : FenREL error: no memory!", exit 1), so callers never
     // see null.
     static uint8_t* AllocBuffer(size_t size);
+    // realloc(buffer, size) for a message buffer, with the same failure path.
+    static uint8_t* ReallocBuffer(uint8_t* buffer, size_t size);
 
     // A message of `bodyLength` zero bytes behind its header (version 1,
     // flags 0, sessionID 0xFFFFFFFF), for the caller to fill. At most 65535

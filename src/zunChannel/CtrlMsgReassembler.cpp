@@ -11,10 +11,12 @@ namespace ZUNChannel {
 
 CtrlMsgReassembler::ReadTarget CtrlMsgReassembler::NextRead()
 {
-    if (!_frame) {
+    if (_frameLength == 0) {
         return {_header + _received, CtrlMsg::kHeaderSize - _received};
     }
-    return {_frame.get() + _received, _frameLength - _received};
+    const size_t bodyRead = _received - CtrlMsg::kHeaderSize;
+    const size_t bodyAt = _fragments == 0 ? CtrlMsg::kHeaderSize : _msgSize;
+    return {_msg.get() + bodyAt + bodyRead, _frameLength - _received};
 }
 
 CtrlMsgReassembler::Status CtrlMsgReassembler::Commit(size_t count, uint16_t maxPktLen, Message* out)
@@ -23,7 +25,7 @@ CtrlMsgReassembler::Status CtrlMsgReassembler::Commit(size_t count, uint16_t max
     ASSERT(_failure == Status::kNeedMore);
     ASSERT(count <= NextRead().size);
     _received += static_cast<uint32_t>(count);
-    if (!_frame) {
+    if (_frameLength == 0) {
         if (_received < CtrlMsg::kHeaderSize) {
             return Status::kNeedMore;
         }
@@ -31,9 +33,7 @@ CtrlMsgReassembler::Status CtrlMsgReassembler::Commit(size_t count, uint16_t max
         if (checked != Status::kNeedMore) {
             return checked;
         }
-        // One buffer per frame, the final one: the body is read straight into it.
-        _frame.reset(CtrlMsg::AllocBuffer(_frameLength));
-        memcpy(_frame.get(), _header, CtrlMsg::kHeaderSize);
+        StartBody();
     }
     if (_received < _frameLength) {
         return Status::kNeedMore;
@@ -54,50 +54,52 @@ CtrlMsgReassembler::Status CtrlMsgReassembler::CheckHeader(uint16_t maxPktLen)
     return _failure;
 }
 
-CtrlMsgReassembler::Status CtrlMsgReassembler::FrameDone(Message* out)
+void CtrlMsgReassembler::StartBody()
 {
-    CtrlMsgBuffer frame = std::move(_frame);
-    const uint32_t length = _frameLength;
-    _received = 0;
-    _frameLength = 0;
-    const bool last = !CtrlMsg::MoreFragments(frame.get());
-    if (last && _fragments.empty()) {
-        out->buffer = std::move(frame);
-        out->size = length;
-        return Status::kMessage;
+    if (_fragments == 0) {
+        // A message's first frame: its own buffer, which a message of one
+        // frame keeps.
+        _capacity = _frameLength;
+        _msg.reset(CtrlMsg::AllocBuffer(_capacity));
+        memcpy(_msg.get(), _header, CtrlMsg::kHeaderSize);
+        return;
     }
-    _fragmentBodyBytes += length - CtrlMsg::kHeaderSize;
-    _fragments.push_back(std::move(frame));
-    if (!last) {
-        return Status::kNeedMore;
+    // A fragment that follows: its body goes behind the bodies so far.
+    const size_t needed = _msgSize + (_frameLength - CtrlMsg::kHeaderSize);
+    // The real size travels as 32 bits; more would not fit in memory anyway.
+    ASSERT(needed <= std::numeric_limits<uint32_t>::max());
+    if (needed > _capacity) {
+        _capacity = std::max(needed, 2 * _capacity);
+        _msg.reset(CtrlMsg::ReallocBuffer(_msg.release(), _capacity));
     }
-    Assemble(out);
-    return Status::kMessage;
 }
 
-void CtrlMsgReassembler::Assemble(Message* out)
+CtrlMsgReassembler::Status CtrlMsgReassembler::FrameDone(Message* out)
 {
-    const size_t size = CtrlMsg::kHeaderSize + _fragmentBodyBytes;
-    // A message made of bare headers has nothing to deliver.
-    ASSERT(size > CtrlMsg::kHeaderSize);
-    // The real size travels as 32 bits; more would not fit in memory anyway.
-    ASSERT(size <= std::numeric_limits<uint32_t>::max());
-    const uint8_t* first = _fragments.front().get();
-    uint8_t* msg = CtrlMsg::AllocBuffer(size);
-    out->buffer.reset(msg);
-    out->size = static_cast<uint32_t>(size);
-    // `length` keeps only the low 16 bits of the size, deliberately: the
-    // receivers take the size that travels beside the buffer.
-    CtrlMsg::WriteHeader(msg, 0, CtrlMsg::SessionId(first), CtrlMsg::Type(first), static_cast<uint16_t>(size),
-                         CtrlMsg::ProtocolId(first));
-    uint8_t* body = msg + CtrlMsg::kHeaderSize;
-    for (const CtrlMsgBuffer& fragment : _fragments) {
-        const size_t bodyLength = CtrlMsg::Length(fragment.get()) - CtrlMsg::kHeaderSize;
-        memcpy(body, fragment.get() + CtrlMsg::kHeaderSize, bodyLength);
-        body += bodyLength;
+    const size_t bodyLength = _frameLength - CtrlMsg::kHeaderSize;
+    _msgSize = (_fragments == 0 ? CtrlMsg::kHeaderSize : _msgSize) + bodyLength;
+    _frameLength = 0;
+    _received = 0;
+    if (CtrlMsg::MoreFragments(_header)) {
+        ++_fragments;
+        return Status::kNeedMore;
     }
-    _fragments.clear();
-    _fragmentBodyBytes = 0;
+    if (_fragments > 0) {
+        // A message made of bare headers has nothing to deliver.
+        ASSERT(_msgSize > CtrlMsg::kHeaderSize);
+        // The first fragment's header is in place; `length` keeps only the low
+        // 16 bits of the size, deliberately: receivers take the size that
+        // travels beside the buffer.
+        uint8_t* msg = _msg.get();
+        CtrlMsg::WriteHeader(msg, 0, CtrlMsg::SessionId(msg), CtrlMsg::Type(msg), static_cast<uint16_t>(_msgSize),
+                             CtrlMsg::ProtocolId(msg));
+    }
+    out->buffer = std::move(_msg);
+    out->size = static_cast<uint32_t>(_msgSize);
+    _msgSize = 0;
+    _capacity = 0;
+    _fragments = 0;
+    return Status::kMessage;
 }
 
 CtrlMsgReassembler::Status CtrlMsgReassembler::Feed(const uint8_t* data, size_t size, uint16_t maxPktLen,
@@ -122,11 +124,12 @@ CtrlMsgReassembler::Status CtrlMsgReassembler::Feed(const uint8_t* data, size_t 
 
 void CtrlMsgReassembler::Reset()
 {
-    _frame.reset();
+    _msg.reset();
+    _msgSize = 0;
+    _capacity = 0;
+    _fragments = 0;
     _frameLength = 0;
     _received = 0;
-    _fragments.clear();
-    _fragmentBodyBytes = 0;
     _failure = Status::kNeedMore;
 }
 

@@ -12,12 +12,16 @@ namespace ZUNChannel {
 // Turns the byte stream of one controller connection back into messages.
 //
 // The connection reads straight into buffers held here: NextRead() says where
-// the next bytes go and how many are wanted, first the rest of the 15-byte
-// header, then the rest of the frame, whose buffer is malloc'ed at the
-// header's `length` with the header already copied in; Commit() is told how
-// many arrived. A frame with flags bit 7 waits in the fragment list; the frame
-// that ends a message either is the message or completes the list, which is
-// then assembled into one new buffer (15 + the sum of the bodies).
+// the next bytes go and how many are wanted, and Commit() is told how many
+// arrived. A frame is read in two steps: the 15-byte header into a fixed
+// buffer, then the body into the message buffer. For the first frame of a
+// message that buffer is malloc'ed at the frame's `length` with the header
+// copied in, so that a message of one frame is delivered in the buffer it was
+// read into. The frames that follow a frame with flags bit 7 set append their
+// bodies to the same buffer, grown as needed, and the last one completes the
+// message: 15 bytes of header (version 1, flags 0, sessionID, type and
+// protocolID of the first fragment, `length` cut to 16 bits) and the bodies in
+// order. Every byte is thus copied once, by the read itself.
 //
 // Bad frames: a `length` below 15 is an assertion (deliberate, on peer data);
 // a `length` above maxPktLen or a wrong marker is a reason to reset the
@@ -50,7 +54,8 @@ public:
     CtrlMsgReassembler(const CtrlMsgReassembler&) = delete;
     CtrlMsgReassembler& operator=(const CtrlMsgReassembler&) = delete;
 
-    // Where the next bytes of the stream go, and how many are wanted (never 0).
+    // Where the next bytes of the stream go, and how many are wanted (never
+    // 0). Valid until the next Commit or Reset.
     ReadTarget NextRead();
 
     // `count` bytes (at most NextRead().size) were written at NextRead().data.
@@ -75,21 +80,23 @@ public:
     // After a bad frame: what goes behind "other_error" in the connection status.
     const char* StatusSuffix() const;
 
-    // Bytes of the current frame received so far, and fragments waiting.
+    // Bytes of the current frame received so far, and fragments of the
+    // current message held (frames with the more bit).
     size_t GetReceived() const { return _received; }
-    size_t GetFragmentCount() const { return _fragments.size(); }
+    size_t GetFragmentCount() const { return _fragments; }
 
 private:
     Status CheckHeader(uint16_t maxPktLen);
+    void StartBody();
     Status FrameDone(Message* out);
-    void Assemble(Message* out);
 
     uint8_t _header[CtrlMsg::kHeaderSize] = {};
-    CtrlMsgBuffer _frame;        // null while the header is read
-    uint32_t _frameLength = 0;   // `length` of the current frame
-    uint32_t _received = 0;      // bytes of the current frame, header included
-    std::vector<CtrlMsgBuffer> _fragments;
-    size_t _fragmentBodyBytes = 0;
+    uint32_t _frameLength = 0;  // `length` of the current frame, 0 while its header is read
+    uint32_t _received = 0;     // bytes of the current frame, header included
+    CtrlMsgBuffer _msg;         // the message being read: header, then bodies
+    size_t _msgSize = 0;        // bytes of _msg filled by finished frames
+    size_t _capacity = 0;       // bytes allocated for _msg
+    size_t _fragments = 0;
     Status _failure = Status::kNeedMore;
 };
 
