@@ -671,6 +671,28 @@ TEST_F(ConfigManagerTest, EntriesMissingFromTheUpdateArePurged)
     EXPECT_EQ("2", entries[1].id);
 }
 
+TEST_F(ConfigManagerTest, ControllerNamedTwiceInTheFileEndsWithOneEntry)
+{
+    ConfigManager& manager = Start(ControllerFile(
+        Connection("10.0.0.1", 1234, false, "", "x") + Connection("10.0.0.1", 1234, false, "", "y") +
+        Connection("10.0.0.1", 1234, false, "", "x") + Connection("10.0.0.2", 1235, false)));
+    ASSERT_EQ(3u, manager.GetConnections().size());
+
+    Receive(manager, UpdateBytes({Controller(0x0A000001, 1234)}));
+    EXPECT_EQ((std::vector<std::string>{"10.0.0.1:1234"}), Endpoints(manager.GetConnections()));
+    std::vector<FileEntry> entries = ReadFileEntries(_controllerFile);
+    ASSERT_EQ(1u, entries.size());
+    EXPECT_EQ("10.0.0.1", entries[0].server);
+
+    ConfigManager::Destroy();
+    ConfigManager& again = Start(
+        ControllerFile(Connection("10.0.0.1", 1234, false, "", "x") + Connection("10.0.0.1", 1234, false, "", "y")));
+    Receive(again, UpdateBytes({Controller(0x0A000002, 1235)}));
+    entries = ReadFileEntries(_controllerFile);
+    ASSERT_EQ(1u, entries.size());
+    EXPECT_EQ("10.0.0.2", entries[0].server);
+}
+
 TEST_F(ConfigManagerTest, EmptyListRemovesEveryControllerDespiteItsLogLine)
 {
     ConfigManager& manager = Start(ControllerFile(Connection("10.0.0.1", 1234, false) +

@@ -167,7 +167,7 @@ ConfigManager::ConfigManager(const std::string& mainConfigFile)
     _cfgTypeNames[CFG_TYPE_CONTROLLER_INFO_REQUEST] = "CFG_TYPE_CONTROLLER_INFO_REQUEST";
 
     // The proxy client comes through SetProxyLink. The timer must not keep a
-    // dropped manager alive, so it holds no reference and is stopped below.
+    // dropped manager alive, so it holds no reference; the destructor stops it.
     GlobalLockGuard lock;
     _requestTimer = ZUNChannel::AsyncTimer<ConfigManager>::Create(
         this, &ConfigManager::RequestControllerInfo, ZUNChannel::AsyncTimer<ConfigManager>::OwnerRef::Weak);
@@ -552,7 +552,15 @@ void ConfigManager::PurgeUnmarked()
             ++conn;
             continue;
         }
-        SetConfigViewConn(*conn, true);
+        // A second entry of a kept controller (another peer name in the file)
+        // leaves the tree alone: its element is now the kept one's.
+        bool endpointKept = false;
+        for (const KelConnConfig& other : _connections) {
+            endpointKept = endpointKept || (other.updatedByKel && SameEndpoint(other, conn->server, conn->port));
+        }
+        if (!endpointKept) {
+            SetConfigViewConn(*conn, true);
+        }
         FLOG_VERBOSE("Purged conn %1", conn->ToString());
         conn = _connections.erase(conn);
     }
@@ -582,13 +590,16 @@ void ConfigManager::SetConfigViewConn(const KelConnConfig& conn, bool unset)
     }
     pt::ptree& connectionList = existing ? *existing : _configNode->add_child("connectionList", pt::ptree());
 
+    // A hand-edited file may name a controller twice: every copy goes, so
+    // that the file ends with one entry per controller, or none.
     bool found = false;
-    for (auto entry = connectionList.begin(); entry != connectionList.end(); ++entry) {
+    for (auto entry = connectionList.begin(); entry != connectionList.end();) {
         if (entry->first == "connection" && entry->second.get<std::string>("server", "") == conn.server &&
             entry->second.get<int32_t>("port", 0) == conn.port) {
-            connectionList.erase(entry);
+            entry = connectionList.erase(entry);
             found = true;
-            break;
+        } else {
+            ++entry;
         }
     }
     if (unset) {
