@@ -1,7 +1,6 @@
 #include <chrono>
 #include <future>
 #include <ostream>
-#include <thread>
 #include <vector>
 
 #include <boost/asio/io_context.hpp>
@@ -293,20 +292,6 @@ TEST_F(MsgSchedulerTest, DrainReleasesAnEnqueueBlockedOnAFullQueue)
     EXPECT_TRUE(_scheduler->IsEmpty());
 }
 
-TEST_F(MsgSchedulerTest, KickMakesRoomForABlockedEnqueue)
-{
-    Make(1, true);
-    EnqueueFrames(1);
-    _scheduler->GetTokenBucket()->Refill(1);
-    CtrlMsgBuffer waiting(Frame(9));
-    std::future<bool> result = std::async(std::launch::async, [&] { return _scheduler->Enqueue(waiting.get()); });
-    _scheduler->Kick();
-    ASSERT_EQ(std::future_status::ready, result.wait_for(std::chrono::seconds(10)));
-    ASSERT_TRUE(result.get());
-    waiting.release();
-    EXPECT_EQ(1u, _scheduler->GetQueueLength());
-}
-
 TEST_F(MsgSchedulerTest, RefillTimerKicksEveryHundredMilliseconds)
 {
     _scheduler->SetMsgRate(10);  // one token per refill
@@ -329,45 +314,6 @@ TEST_F(MsgSchedulerTest, StatsTimerLogsTheSentCount)
     _scheduler->OnStatsTimer();
     EXPECT_NE(std::string::npos, log.Text().find("MsgScheduler: current msg count (interval = 30s)  3"))
         << log.Text();
-}
-
-TEST(MsgSchedulerLifeTest, StoppedSchedulerAndBucketAreDestroyedWithTheLastReference)
-{
-    GlobalLockGuard lock;
-    boost::asio::io_context io;
-    boost::intrusive_ptr<FakeWriter> writer(new FakeWriter());
-    boost::intrusive_ptr<MsgScheduler> scheduler = MsgScheduler::Create(writer, &io);
-    ASSERT_TRUE(scheduler->Enqueue(CtrlMsg::BuildKeepAlive()));
-    scheduler->Stop();
-    io.restart();
-    io.poll();
-    LogCapture log(FenREL::LOGLEVEL_VERBOSE);
-    scheduler.reset();
-    EXPECT_NE(std::string::npos, log.Text().find("MsgScheduler: destructor"));
-    EXPECT_NE(std::string::npos, log.Text().find("Tokenbucket destructed"));
-}
-
-TEST(MsgSchedulerDeathTest, KickWithTheGlobalLockHeldElsewherePanics)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(
-        {
-            boost::asio::io_context io;
-            boost::intrusive_ptr<MsgScheduler> scheduler;
-            {
-                GlobalLockGuard lock;
-                scheduler = MsgScheduler::Create(new FakeWriter(), &io);
-            }
-            std::promise<void> held;
-            std::thread holder([&] {
-                GlobalLockGuard lock;
-                held.set_value();
-                std::promise<void>().get_future().wait();
-            });
-            held.get_future().wait();
-            scheduler->Kick();
-        },
-        "Panic: ASSERT src/zunChannel/MsgScheduler.cpp");
 }
 
 }  // namespace
