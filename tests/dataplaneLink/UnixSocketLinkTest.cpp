@@ -87,7 +87,7 @@ protected:
     {
         for (const auto& link : _links) {
             link->Stop();
-            EXPECT_TRUE(WaitFor([&] { return link->RunningLoops() == 0; }, 5s, "the loops to end"));
+            EXPECT_EQ(0, link->RunningLoops());
         }
         _links.clear();
         // Lets the cancelled timers release the links they hold.
@@ -306,11 +306,21 @@ TEST_F(LinkTest, CloseDisconnectsKeepsTheLoopsAndReopenComesBack)
     EXPECT_EQ(msg, ReadFrame(peer, kZuna));
 }
 
-TEST_F(LinkTest, SendFailsOnceTheLinkIsStopped)
+TEST_F(LinkTest, StopEndsTheLoopsSilentlyAndLaterSendsFail)
 {
+    UnixPeer peer(Path());
     auto link = Make(kZuna, Path());
     link->Open();
+    ASSERT_TRUE(peer.Accept(5s));
     link->Stop();
+    EXPECT_EQ(0, link->RunningLoops());
+    EXPECT_TRUE(peer.WaitForEof(5s));
+    // The owner gave the link up: its handlers hear nothing of the close.
+    EXPECT_EQ(std::vector<DataplaneLink::LinkStatus>{DataplaneLink::LinkUp}, _recorder->Statuses());
+    EXPECT_FALSE(link->Open());
+    link->OnTimer();
+    EXPECT_FALSE(link->IsConnected());
+
     FenRELTest::LogCapture log(LOGLEVEL_ERROR);
     const Bytes msg = kZuna.frame("late");
     EXPECT_FALSE(link->Send(FenRELTest::MallocCopy(msg), msg.size()));

@@ -57,6 +57,12 @@ UnixSocketLink::~UnixSocketLink() = default;
 
 bool UnixSocketLink::Open()
 {
+    {
+        std::lock_guard<std::recursive_mutex> lock(_lock);
+        if (_stopped) {
+            return false;
+        }
+    }
     Connect();
     ArmNewTimer();
     const boost::intrusive_ptr<UnixSocketLink> self(this);
@@ -103,11 +109,17 @@ bool UnixSocketLink::Send(uint8_t* buffer, uint32_t /*length*/)
 
 void UnixSocketLink::Stop()
 {
+    {
+        std::lock_guard<std::recursive_mutex> lock(_lock);
+        _stopped = true;
+    }
     _readRunning = false;
     _writeRunning = false;
     _queue.Close();
     WakeLoops();
     Close();
+    std::unique_lock<std::mutex> idle(_idleMutex);
+    _loopEnded.wait(idle, [this] { return _runningLoops == 0; });
 }
 
 void UnixSocketLink::OnTimer()
@@ -135,6 +147,9 @@ void UnixSocketLink::Connect()
 {
     ZUNChannel::GlobalLockGuard global;
     std::lock_guard<std::recursive_mutex> lock(_lock);
+    if (_stopped) {
+        return;
+    }
     if (_connected && _socket) {
         FLOG_TRIVIA("Connection of %1 is OK", _path);
         return;
@@ -194,7 +209,7 @@ void UnixSocketLink::Disconnect()
     shutdown(_socket->fd, SHUT_RDWR);
     _socket.reset();
     _connected = false;
-    if (_statusHandler) {
+    if (_statusHandler && !_stopped) {
         _statusHandler(this, LinkDown);
     }
 }
@@ -272,7 +287,7 @@ void UnixSocketLink::ReadLoop()
         }
         ReadMessage(socket);
     }
-    --_runningLoops;
+    LoopEnded();
 }
 
 void UnixSocketLink::ReadMessage(const SocketPtr& socket)
@@ -340,7 +355,14 @@ void UnixSocketLink::WriteLoop()
         SendMessage(msg, _profile.queuedLength(msg));
         free(msg);
     }
+    LoopEnded();
+}
+
+void UnixSocketLink::LoopEnded()
+{
+    std::lock_guard<std::mutex> idle(_idleMutex);
     --_runningLoops;
+    _loopEnded.notify_all();
 }
 
 void UnixSocketLink::SendMessage(const uint8_t* msg, uint32_t length)

@@ -71,7 +71,7 @@ public:
     ~UnixSocketLink() override;
 
     // Connects at once, whatever the result, arms the reconnect timer and
-    // starts the two loops. Always true.
+    // starts the two loops. True, unless the link was stopped.
     bool Open() override;
     // Drops the timer and disconnects; the loops go on.
     void Close() override;
@@ -81,8 +81,11 @@ public:
     // freed, once the queue is closed (or for a null buffer).
     bool Send(uint8_t* buffer, uint32_t length) override;
 
-    // Ends the loops for good, closes the queue (what it holds is freed with
-    // the link) and closes the link. For an owner that gives the link up.
+    // Gives the link up for good: closes the queue (what it holds is freed
+    // with the link), drops the timer, closes the socket and waits for the
+    // loops to end. No handler runs once it returns, and none hears of the
+    // close. Not from the link's own threads or handlers, nor under the
+    // global lock (a loop may be waiting for it).
     void Stop();
 
     // One round of the reconnect timer: ask the link check about an open
@@ -95,7 +98,7 @@ public:
     int GetFd();
     size_t QueuedMessages() const { return _queue.Size(); }
     size_t BlockedSenders() const { return _queue.BlockedPutters(); }
-    // Read and write loops still running; both end some time after Stop.
+    // Read and write loops still running.
     int RunningLoops() const { return _runningLoops.load(); }
 
 protected:
@@ -124,6 +127,7 @@ private:
 
     void ReadLoop();
     void WriteLoop();
+    void LoopEnded();
     void ReadMessage(const SocketPtr& socket);
     // Reads `length` bytes; false once the socket has failed (logged, and
     // disconnected).
@@ -135,13 +139,16 @@ private:
     std::atomic<bool> _connected{false};
     std::atomic<bool> _readRunning{false};
     std::atomic<bool> _writeRunning{false};
+    bool _stopped = false;  // guarded by _lock
     std::atomic<int> _runningLoops{0};
     DataplaneMsgQueue _queue;
     std::shared_ptr<ZUNChannel::AsyncTimer<UnixSocketLink>> _timer;  // guarded by the global lock
 
-    // The loops' wait for a connection; signalled by Connect and Stop.
+    // The loops' wait for a connection, signalled by Connect and Stop, and
+    // Stop's wait for the loops, signalled as each ends.
     std::mutex _idleMutex;
     std::condition_variable _idleWake;
+    std::condition_variable _loopEnded;
 };
 
 }  // namespace FenREL
