@@ -54,6 +54,15 @@ protected:
         ASSERT_TRUE(ShardingMgr::Get()->SetSliceLength(1u << 31));  // slice 0 and slice 1
     }
 
+    void TearDown() override
+    {
+        // Sessions and their app hold each other for the life of the daemon; a
+        // test ends it.
+        _app->DeleteAllElems();
+        _app.reset();
+        ChannelFixture::TearDown();
+    }
+
     void Assign(const std::string& controller, uint32_t start, uint32_t num)
     {
         std::vector<boost::intrusive_ptr<ShardingSegment>> segments = {new ShardingSegment(controller, start, num)};
