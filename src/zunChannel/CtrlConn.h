@@ -71,6 +71,7 @@ public:
     uint32_t GetRxMsgCount() const { return _rxMsgCount; }
     uint16_t GetLocalPort() const { return static_cast<uint16_t>(_lastLocalPort); }
     const std::string& GetLocalAddr() const { return _lastLocalAddr; }
+    const boost::intrusive_ptr<MsgScheduler>& GetScheduler() const { return _scheduler; }
 
     // Keep-alive bookkeeping of the core app's sweep.
     uint32_t& RxIdleTicks() { return _rxIdleTicks; }

@@ -155,6 +155,16 @@ size_t MsgScheduler::GetQueueLength() const
     return _queue.size();
 }
 
+std::vector<std::vector<uint8_t>> MsgScheduler::CopyQueuedFrames() const
+{
+    QueueLock lock(_queueMutex);
+    std::vector<std::vector<uint8_t>> frames;
+    for (const uint8_t* frame : _queue) {
+        frames.emplace_back(frame, frame + CtrlMsg::Length(frame));
+    }
+    return frames;
+}
+
 uint32_t MsgScheduler::GetBlockedCount() const
 {
     QueueLock lock(_queueMutex);

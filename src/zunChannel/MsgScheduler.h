@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <vector>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/intrusive_ptr.hpp>
@@ -61,6 +62,8 @@ public:
     bool IsFull() const;
     bool IsEmpty() const;
     size_t GetQueueLength() const;
+    // Copies of the frames waiting, in order, for diagnostics and tests.
+    std::vector<std::vector<uint8_t>> CopyQueuedFrames() const;
     // Enqueue calls waiting for room in a full queue.
     uint32_t GetBlockedCount() const;
     // Frames handed to the writer since construction.
