@@ -1,0 +1,62 @@
+#include <gtest/gtest.h>
+
+#include "LogLevel.h"
+#include "StateCache.h"
+#include "StateCacheConfigTable.h"
+#include "StateCacheL2Table.h"
+#include "StateCacheRemoteSessionTable.h"
+#include "StateCacheTestSupport.h"
+
+namespace FenRELTest {
+namespace {
+
+using FenREL::StateCache;
+
+// The cache is process-wide: this test runs in a fresh process of its own,
+// before anything could have made it.
+TEST(StateCacheDeathTest, GetInstanceBeforeInitStops)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(StateCache::GetInstance(), "Panic: ASSERT src/stateCache/StateCache.cpp");
+}
+
+TEST(StateCacheTest, InitTwiceKeepsTheFirstAndItsTablesAreTheProcessTables)
+{
+    StateCache::Init();
+    StateCache* first = StateCache::GetInstance();
+    StateCache::Init();
+    EXPECT_EQ(first, StateCache::GetInstance());
+    EXPECT_EQ(FenREL::StateCacheConfigTable::GetInstance().get(), first->GetConfigTable());
+    EXPECT_EQ(FenREL::StateCacheL2Table::GetInstance().get(), first->GetL2Table());
+    EXPECT_EQ(FenREL::StateCacheRemoteSessionTable::GetInstance().get(), first->GetRemoteSessionTable());
+}
+
+TEST(StateCacheTest, DumpWritesFiveHeadersAtInfoAndTheTablesAtVerbose)
+{
+    StateCache::Init();
+    StateCache* cache = StateCache::GetInstance();
+    cache->GetRemoteSessionTable()->UpdateSessionState(1, 0, 2);
+
+    LogCapture info(FenREL::LOGLEVEL_INFO);
+    cache->DumpCache();
+    const std::string headers = info.Text();
+    const char* const order[] = {"Fenrel Dump local ConfigCacheTable.", "Fenrel Dump remote ConfigCacheTable.",
+                                 "Fenrel Dump local L2CacheTable.", "Fenrel Dump remote L2CacheTable.",
+                                 "Fenrel Dump remote session CacheTable."};
+    size_t at = 0;
+    for (const char* header : order) {
+        at = headers.find(header, at);
+        ASSERT_NE(std::string::npos, at) << header << " missing or out of order in:\n" << headers;
+    }
+    EXPECT_EQ(5, info.Count("level=\"info\""));
+    EXPECT_EQ(0, info.Count("SessionType is"));
+
+    LogCapture verbose(FenREL::LOGLEVEL_VERBOSE);
+    cache->DumpCache();
+    EXPECT_EQ(1, verbose.Count("SessionType is : 1, index is : 0, sessionState is 2, controllerIP is "));
+    EXPECT_EQ(1, verbose.Count("Dump L2 local StateCache"));
+    EXPECT_EQ(1, verbose.Count("Dump config remote StateCache"));
+}
+
+}  // namespace
+}  // namespace FenRELTest
