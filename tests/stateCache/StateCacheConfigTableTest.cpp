@@ -91,7 +91,7 @@ TYPED_TEST(ConfigSideTest, CreateOfAKnownEntityStopsTheBatchAndTellsNobody)
     EXPECT_FALSE(this->Apply({TypeParam::Make(UPDATE_OP, 3, {}), TypeParam::Make(UPDATE_OP, 1, {}),
                               TypeParam::Make(UPDATE_OP, 4, {})},
                              false));
-    EXPECT_EQ(1, log.Count("create existing entity operation!"));
+    EXPECT_EQ(1, Count(log, "create existing entity operation!"));
     EXPECT_TRUE(this->Calls().empty());
     EXPECT_EQ(5u, this->Size(this->table)) << "entity 3 stays, entity 4 never came";
 
@@ -109,7 +109,7 @@ TYPED_TEST(ConfigSideTest, UnsupportedOperationStopsTheBatchWithItsErrorCode)
     EXPECT_FALSE(this->Apply({TypeParam::Make(UPDATE_OP, 3, {}), TypeParam::Make(3, 1, {{TypeParam::kTypes[0], 1}}),
                               TypeParam::Make(UPDATE_OP, 4, {})},
                              false));
-    EXPECT_EQ(1, log.Count("errorCode=\"LCP00007\"] unsupported operation 3"));
+    EXPECT_EQ(1, Count(log, "errorCode=\"LCP00007\"] unsupported operation 3"));
     EXPECT_TRUE(this->Calls().empty());
     EXPECT_EQ(5u, this->Size(this->table));
 }
@@ -223,9 +223,9 @@ TEST(ConfigObserverTest, RegistrationRules)
     EXPECT_FALSE(table.RegisterRemoteCacheObserver(LOG_SWITCH, &observer));
     EXPECT_TRUE(table.RegisterLocalCacheObserver(com::corvid::zun::config::VIF, &observer));
     EXPECT_FALSE(table.UnRegisterLocalCacheObserver(nullptr));
-    EXPECT_EQ(1, log.Count("In RegisterRemoteCacheObserver, observer is NULL!"));
-    EXPECT_EQ(1, log.Count("In RegisterRemoteCacheObserver, observer exist for entityType 1 !"));
-    EXPECT_EQ(1, log.Count("In UnRegisterLocalCacheObserver, observer is NULL!"));
+    EXPECT_EQ(1, Count(log, "In RegisterRemoteCacheObserver, observer is NULL!"));
+    EXPECT_EQ(1, Count(log, "In RegisterRemoteCacheObserver, observer exist for entityType 1 !"));
+    EXPECT_EQ(1, Count(log, "In UnRegisterLocalCacheObserver, observer is NULL!"));
 
     // A remote observer goes for every type; a local one stays registered.
     EXPECT_TRUE(table.UnRegisterRemoteCacheObserver(&observer));
@@ -248,8 +248,8 @@ TEST(ConfigRemoteInputTest, InvalidEntityOrPropertyIsSkippedWithALine)
         {RemoteSide::Make(UPDATE_OP, 1, {{10, 5}}, com::corvid::zun::config::INVALID_ENTITY),
          RemoteSide::Make(UPDATE_OP, 2, {{0, 5}, {10, 6}})},
         false));
-    EXPECT_EQ(1, log.Count("Received invalid entity from controller"));
-    EXPECT_EQ(1, log.Count("Received invalid property from controller"));
+    EXPECT_EQ(1, Count(log, "Received invalid entity from controller"));
+    EXPECT_EQ(1, Count(log, "Received invalid property from controller"));
     ASSERT_EQ(1u, observer.remote.size());
     EXPECT_THAT(observer.remote[0], ElementsAre(Field(&RemotePropertyUpdate::type, 10u)));
 }
@@ -309,10 +309,10 @@ TEST_F(ConfigQueryTest, LookUpsTellAMissingEntityFromAMissingValue)
     EntityPropertyMsg property;
     EXPECT_FALSE(table.GetRemoteProperty(Uuid(0xabc, 1), 10, property));
     EXPECT_FALSE(table.GetRemoteProperty(Uuid(0xabc, 9), 10, property));
-    EXPECT_EQ(1, log.Count("entity exists, but state does not exist: vif-1, 11"));
-    EXPECT_EQ(1, log.Count("state does not exist: vif-9, 10"));
-    EXPECT_EQ(1, log.Count("entity exists, but property does not exist: 2748, 1, 10"));
-    EXPECT_EQ(1, log.Count("property does not exist: 2748, 9 with type: 10"));
+    EXPECT_EQ(1, Count(log, "entity exists, but state does not exist: vif-1, 11"));
+    EXPECT_EQ(1, Count(log, "state does not exist: vif-9, 10"));
+    EXPECT_EQ(1, Count(log, "entity exists, but property does not exist: 2748, 1, 10"));
+    EXPECT_EQ(1, Count(log, "property does not exist: 2748, 9 with type: 10"));
 
     uint32_t vlan = 0;
     EXPECT_TRUE(table.GetLogSwitchVlan(Uuid(0xabc, 1), vlan));

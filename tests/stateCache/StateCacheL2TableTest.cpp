@@ -175,8 +175,8 @@ TEST_F(L2TableTest, CancelL2TimeoutRescuesEveryStaleItemOfTheVni)
 
     EXPECT_TRUE(observer.remote.empty());
     EXPECT_EQ(4u, Items(L2Side::Remote).size());
-    EXPECT_EQ(1, log.Count("Cancel L2 timeout for VNI 5001"));
-    EXPECT_EQ(1, log.Count("Cancel L2 timeout for non-existing vni : 5002"));
+    EXPECT_EQ(1, Count(log, "Cancel L2 timeout for VNI 5001"));
+    EXPECT_EQ(1, Count(log, "Cancel L2 timeout for non-existing vni : 5002"));
 }
 
 struct TimerCase {
@@ -283,7 +283,7 @@ TEST_P(L2ValueKeyTest, ItemIsKeptAsItsSubMessageWithItsKey)
     uint64_t key = 99;
     EXPECT_EQ(c.key != 0, table->GetL2PropertyValueKeyFromString(c.item.SerializeAsString(), c.type, key));
     EXPECT_EQ(c.key, key);
-    EXPECT_EQ(c.type == VTEP_CHANGE ? 2 : 0, log.Count("GetL2PropertyValueKeyFromString: invalid property type 4"));
+    EXPECT_EQ(c.type == VTEP_CHANGE ? 2 : 0, Count(log, "GetL2PropertyValueKeyFromString: invalid property type 4"));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -508,10 +508,10 @@ TEST_F(L2TableTest, QueriesOfWhatIsNotThereFailWithALine)
     EXPECT_FALSE(table->QueryL2Values(kVni, VTEP, L2Side::Remote, values));
     EXPECT_FALSE(table->QueryL2Values(kVni, 99, L2Side::Remote, values));
     EXPECT_FALSE(table->ReadAllLocal(msg));
-    EXPECT_EQ(1, log.Count("property does not exist: vni : 5002"));
-    EXPECT_EQ(1, log.Count("property does not exist: vni : 5001 , type: 2, valueKey: 2"));
-    EXPECT_EQ(1, log.Count("property does not exist: vni : 5001 , type: 3"));
-    EXPECT_EQ(1, log.Count("property does not exist: vni : 5001 , type: 99"));
+    EXPECT_EQ(1, Count(log, "property does not exist: vni : 5002"));
+    EXPECT_EQ(1, Count(log, "property does not exist: vni : 5001 , type: 2, valueKey: 2"));
+    EXPECT_EQ(1, Count(log, "property does not exist: vni : 5001 , type: 3"));
+    EXPECT_EQ(1, Count(log, "property does not exist: vni : 5001 , type: 99"));
 }
 
 // ---- lifetime and threads ----

@@ -48,14 +48,14 @@ TEST(StateCacheTest, DumpWritesFiveHeadersAtInfoAndTheTablesAtVerbose)
         at = headers.find(header, at);
         ASSERT_NE(std::string::npos, at) << header << " missing or out of order in:\n" << headers;
     }
-    EXPECT_EQ(5, info.Count("level=\"info\""));
-    EXPECT_EQ(0, info.Count("SessionType is"));
+    EXPECT_EQ(5, Count(info, "level=\"info\""));
+    EXPECT_EQ(0, Count(info, "SessionType is"));
 
     LogCapture verbose(FenREL::LOGLEVEL_VERBOSE);
     cache->DumpCache();
-    EXPECT_EQ(1, verbose.Count("SessionType is : 1, index is : 0, sessionState is 2, controllerIP is "));
-    EXPECT_EQ(1, verbose.Count("Dump L2 local StateCache"));
-    EXPECT_EQ(1, verbose.Count("Dump config remote StateCache"));
+    EXPECT_EQ(1, Count(verbose, "SessionType is : 1, index is : 0, sessionState is 2, controllerIP is "));
+    EXPECT_EQ(1, Count(verbose, "Dump L2 local StateCache"));
+    EXPECT_EQ(1, Count(verbose, "Dump config remote StateCache"));
 }
 
 }  // namespace

@@ -10,33 +10,9 @@
 
 namespace FenRELTest {
 
-LogCapture::LogCapture(int level)
-    : _oldLevel(FenREL::g_logLevel.load()), _oldConsole(FenREL::g_logToConsole.load())
+int Count(LogCapture& log, const std::string& text)
 {
-    testing::internal::CaptureStdout();
-    FenREL::g_logLevel.store(level);
-    FenREL::g_logToConsole.store(true);
-}
-
-LogCapture::~LogCapture()
-{
-    Text();
-}
-
-const std::string& LogCapture::Text()
-{
-    if (_capturing) {
-        _capturing = false;
-        FenREL::g_logLevel.store(_oldLevel);
-        FenREL::g_logToConsole.store(_oldConsole);
-        _text = testing::internal::GetCapturedStdout();
-    }
-    return _text;
-}
-
-int LogCapture::Count(const std::string& text)
-{
-    std::istringstream lines(Text());
+    std::istringstream lines(log.Text());
     int count = 0;
     for (std::string line; std::getline(lines, line);) {
         count += line.find(text) != std::string::npos ? 1 : 0;

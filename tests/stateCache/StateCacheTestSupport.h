@@ -7,6 +7,7 @@
 #include <tuple>
 #include <vector>
 
+#include "LogCapture.h"
 #include "SCConfigTableObserver.h"
 #include "SCL2TableObserver.h"
 #include "ccp_lcp_l2.pb.h"
@@ -27,26 +28,8 @@ constexpr uint32_t VM_MAC = L2MappingUpdateMsg::VM_MAC;
 constexpr uint32_t VTEP = L2MappingUpdateMsg::VTEP;
 constexpr uint32_t VTEP_CHANGE = L2MappingUpdateMsg::VTEP_CHANGE;
 
-// Log lines written while it lives, at the given level and above (the
-// console output of the logger, captured from standard output).
-class LogCapture {
-public:
-    explicit LogCapture(int level);
-    ~LogCapture();
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
-    // Everything written so far; ends the capture.
-    const std::string& Text();
-    // The number of lines that contain `text`.
-    int Count(const std::string& text);
-
-private:
-    int _oldLevel;
-    bool _oldConsole;
-    bool _capturing = true;
-    std::string _text;
-};
+// The number of lines the capture holds that contain `text`.
+int Count(LogCapture& log, const std::string& text);
 
 // For a death test's statement: the log goes to standard error, where the
 // death test looks, from `level` on.
