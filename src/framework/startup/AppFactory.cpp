@@ -4,6 +4,8 @@
 
 #include "AppManager.h"
 #include "Logger.h"
+#include "ProductVersionProvider.h"
+#include "SessionApp.h"
 
 namespace FenREL {
 
@@ -11,11 +13,28 @@ namespace {
 
 using ZUNChannel::App;
 
-// The application named by an entry, or null for a name this agent does not know.
-boost::intrusive_ptr<App> CreateApp(const std::string& name, const boost::property_tree::ptree& config)
+com::corvid::zun::ProductVersionMsg AgentVersion()
 {
-    (void)name;
-    (void)config;
+    const ProductVersionProvider provider;
+    const ProductVersionProvider::Version& version = provider.GetVersion();
+    com::corvid::zun::ProductVersionMsg msg;
+    msg.set_major(version.major);
+    msg.set_minor(version.minor);
+    msg.set_maintenance(version.maintenance);
+    msg.set_patch(version.patch);
+    msg.set_suffix(version.suffix);
+    msg.set_build_number(version.buildNumber);
+    return msg;
+}
+
+// The application named by an entry, or null for a name this agent does not
+// know. Each application reads the options of its own `config` subtree.
+boost::intrusive_ptr<App> CreateApp(const std::string& name, const boost::property_tree::ptree& /*config*/)
+{
+    if (name == "session") {
+        SessionApp::Init(AgentVersion());
+        return SessionApp::Instance();
+    }
     return nullptr;
 }
 

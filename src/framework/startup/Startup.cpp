@@ -13,6 +13,8 @@
 
 #include "AppFactory.h"
 #include "AppManager.h"
+#include "CPDomainManager.h"
+#include "ConfigManager.h"
 #include "Configuration.h"
 #include "CoreApp.h"
 #include "CtrlConnPool.h"
@@ -20,7 +22,9 @@
 #include "IoService.h"
 #include "Logger.h"
 #include "MainConfig.h"
+#include "SessionApp.h"
 #include "ShardingMgr.h"
+#include "StateCache.h"
 #include "SignalHandlers.h"
 #include "WorkGroup.h"
 #include "WorkItemImpl.h"
@@ -98,6 +102,18 @@ void Startup::StopChannelCore()
     ZUNChannel::WorkGroup::Get().Stop();
 }
 
+void Startup::LoadControllers()
+{
+    boost::intrusive_ptr<ConfigManager> manager = ConfigManager::Get();
+    if (ZUNChannel::AppManager::Get()->FindApp(ZUNChannel::APP_ID_SESSION, 0)) {
+        manager->SetControllerListListener([](const std::vector<ZUNChannel::ConnConfig>& list) {
+            SessionApp::Instance()->ReceiveControllerList(list);
+        });
+    }
+    manager->ConfigLoad();
+    manager->ApplyToChannel();
+}
+
 void Startup::MainLoop()
 {
     signal(SIGPIPE, SIG_IGN);
@@ -127,6 +143,7 @@ int Startup::Run(int argc, char** argv)
     setlogmask(255);
 
     StartChannelCore();
+    StateCache::Init();
 
     if (!AppFactory::CreateApps(MainConfig::Tree())) {
         FLOG_ERROR("Got error when initializing net applications").AddTag("errorCode:LCP00014");
@@ -134,7 +151,11 @@ int Startup::Run(int argc, char** argv)
         return -1;
     }
 
+    ConfigManager::Init(MainConfig::FileName());
+    CPDomainManager::Create()->Start(ZUNChannel::AppManager::Get());
+
     ZUNChannel::AppManager::Get()->StartAll();
+    LoadControllers();
 
     SignalHandlers::InstallCacheDump();
     MainLoop();

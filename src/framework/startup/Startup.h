@@ -15,6 +15,8 @@ private:
     static void ApplyMainConfig();
     static void StartChannelCore();
     static void StopChannelCore();
+    // Reads the controller list and opens the first connections.
+    static void LoadControllers();
     [[noreturn]] static void MainLoop();
 };
 

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ControllerSim.h"
+#include "DaemonProcess.h"
+#include "MainConfigXml.h"
+#include "SelfSignedCert.h"
+#include "TempDir.h"
+
+namespace FenRELTest {
+
+// One real `fenrel` daemon under a private root, with its files written the
+// way an operator would: main configuration, controller list, host identity.
+// Controllers are simulators on 127.0.0.x, one address each, since the agent
+// tells controllers apart by address.
+class AgentHarness {
+public:
+    AgentHarness();
+    ~AgentHarness();
+
+    const std::string& Root() const { return _root.Path(); }
+    TempDir& Dir() { return _root; }
+    const CtrlSim::SelfSignedCert& ControllerCert() const { return _controllerCert; }
+
+    // A simulated controller on 127.0.0.`host`, TLS with the controller
+    // certificate unless `tls` is false.
+    CtrlSim::ControllerSim& AddController(int host, bool tls = true);
+    CtrlSim::ControllerSim& Controller(size_t index) { return *_controllers.at(index); }
+
+    // Writes controller-info.xml naming every controller added so far; `pem`
+    // replaces the pinned certificate when not empty.
+    void WriteControllerInfo(const std::string& pem = "");
+    // The node UUID written into controller-info.xml.
+    static const char* NodeUuid() { return "5e6f7a8b-1c2d-4e3f-9a0b-0c1d2e3f4a5b"; }
+
+    // Writes the main configuration and starts the daemon.
+    void Start(MainConfigXml config);
+    DaemonProcess& Daemon() { return *_daemon; }
+    void Restart();
+
+    // The session app alone: enough for the channel to connect and negotiate.
+    static MainConfigXml SessionOnlyConfig();
+
+private:
+    TempDir _root;
+    CtrlSim::SelfSignedCert _controllerCert;
+    CtrlSim::SelfSignedCert _hostCert;
+    std::vector<std::unique_ptr<CtrlSim::ControllerSim>> _controllers;
+    std::unique_ptr<DaemonProcess> _daemon;
+    std::string _mainConfig;
+};
+
+}  // namespace FenRELTest
