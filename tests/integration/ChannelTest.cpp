@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "AppManager.h"
+#include "ConfigManager.h"
 #include "Configuration.h"
 #include "ControllerSim.h"
 #include "CoreApp.h"
@@ -326,6 +327,57 @@ TEST_F(ChannelTest, FragmentedMessageArrivesWhole)
     EXPECT_EQ(kTestAppId, CtrlMsg::ProtocolId(got.data()));
     EXPECT_EQ(0, CtrlMsg::Flags(got.data()));
     EXPECT_TRUE(std::equal(big.body.begin(), big.body.end(), got.begin() + 15));
+}
+
+// Writes a controller file naming `servers` (address, port), plain TCP.
+std::string ControllerFile(const std::vector<std::pair<std::string, uint16_t>>& servers)
+{
+    std::string xml = "<config><connectionList>";
+    for (const auto& server : servers) {
+        xml += "<connection><server>" + server.first + "</server><port>" + std::to_string(server.second) +
+               "</port><sslEnabled>false</sslEnabled></connection>";
+    }
+    return xml + "</connectionList></config>";
+}
+
+TEST_F(ChannelTest, ReloadedListResetsAChangedControllerAndDropsARemovedOne)
+{
+    auto& first = StartSim(false, "127.0.0.1");
+    auto& removed = StartSim(false, "127.0.0.2");
+    const std::string listFile = _dir.Write("controller-info.xml", ControllerFile({{"127.0.0.1", first.Port()},
+                                                                                  {"127.0.0.2", removed.Port()}}));
+    const std::string mainFile = _dir.Write(
+        "fenrel.xml", "<config><fenrel><configManager><configFile>" + listFile +
+                          "</configFile><hostPrivateKeyFile>none</hostPrivateKeyFile><hostCertificateFile>none"
+                          "</hostCertificateFile></configManager></fenrel></config>");
+    FenREL::ConfigManager::Init(mainFile);
+    FenREL::ConfigManager::Get()->ConfigLoad();
+    FenREL::ConfigManager::Get()->ApplyToChannel();
+    {
+        GlobalLockGuard lock;
+        CtrlConnPool::Get()->RegisterConn(ConnKey("127.0.0.1", 0), _app->GetKey());
+        CtrlConnPool::Get()->RegisterConn(ConnKey("127.0.0.2", 0), _app->GetKey());
+        // Only the list's share holds the second connection from now on.
+        CtrlConnPool::Get()->UnregisterConn(ConnKey("127.0.0.2", 0), _app->GetKey());
+    }
+    ASSERT_TRUE(first.WaitForUp(0, 10s));
+    ASSERT_TRUE(removed.WaitForUp(0, 10s));
+
+    // The same controller address moves to another port; the second leaves.
+    auto& moved = StartSim(false, "127.0.0.1");
+    _dir.Write("controller-info.xml", ControllerFile({{"127.0.0.1", moved.Port()}}));
+    ASSERT_TRUE(FenREL::ConfigManager::Get()->ReloadFromFile(listFile));
+
+    EXPECT_TRUE(first.WaitForClosed(0, 10s)) << first.Summary();
+    EXPECT_TRUE(moved.WaitForUp(0, 10s)) << moved.Summary();
+    EXPECT_TRUE(removed.WaitForClosed(0, 10s)) << removed.Summary();
+    {
+        GlobalLockGuard lock;
+        EXPECT_FALSE(CtrlConnPool::Get()->FindConn(ConnKey("127.0.0.2", 0)));
+    }
+    // The removed controller is not tried again.
+    EXPECT_FALSE(removed.WaitForAccepted(2, 2s));
+    FenREL::ConfigManager::Destroy();
 }
 
 }  // namespace
