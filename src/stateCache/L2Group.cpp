@@ -44,12 +44,12 @@ L2Group::~L2Group()
     }
 }
 
-L2Entry* L2Group::Insert(uint32_t type, std::string_view value, uint64_t valueKey, uint32_t version,
+L2Entry* L2Group::Insert(uint32_t hash, uint32_t type, std::string_view value, uint64_t valueKey, uint32_t version,
                          uint32_t switchId)
 {
     // Types come from L2MappingUpdateMsg.Type, 1 to 4, and 0 for the VNI entry.
     ASSERT(type < kTypeCount);
-    L2Entry* entry = L2Entry::Create(type, value, valueKey, version, switchId, L2EntryIndex::Hash(type, value));
+    L2Entry* entry = L2Entry::Create(type, value, valueKey, version, switchId, hash);
     _index.Insert(entry);
     entry->prev = _last[type];
     if (_last[type] != nullptr) {

@@ -25,13 +25,22 @@ public:
     L2Group(const L2Group&) = delete;
     L2Group& operator=(const L2Group&) = delete;
 
-    L2Entry* Find(uint32_t type, std::string_view value) const
+    // A value's hash, for a look-up followed by an insert to hash it once.
+    static uint32_t Hash(uint32_t type, std::string_view value) { return L2EntryIndex::Hash(type, value); }
+
+    L2Entry* Find(uint32_t hash, uint32_t type, std::string_view value) const
     {
-        return _index.Find(L2EntryIndex::Hash(type, value), type, value);
+        return _index.Find(hash, type, value);
     }
+    L2Entry* Find(uint32_t type, std::string_view value) const { return Find(Hash(type, value), type, value); }
+    void Prefetch(uint32_t hash) const { _index.Prefetch(hash); }
     // No item of that type and value may be in the group.
-    L2Entry* Insert(uint32_t type, std::string_view value, uint64_t valueKey, uint32_t version,
+    L2Entry* Insert(uint32_t hash, uint32_t type, std::string_view value, uint64_t valueKey, uint32_t version,
                     uint32_t switchId);
+    L2Entry* Insert(uint32_t type, std::string_view value, uint64_t valueKey, uint32_t version, uint32_t switchId)
+    {
+        return Insert(Hash(type, value), type, value, valueKey, version, switchId);
+    }
     void Erase(L2Entry* entry);
 
     L2Entry* First(uint32_t type) const { return _first[type]; }

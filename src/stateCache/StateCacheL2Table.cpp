@@ -1,5 +1,7 @@
 #include "StateCacheL2Table.h"
 
+#include <algorithm>
+
 #include <google/protobuf/arena.h>
 #include <google/protobuf/descriptor.h>
 
@@ -188,6 +190,29 @@ std::string_view StateCacheL2Table::ValueOf(const L2UpdateMappingItemMsg& item, 
     return _value;
 }
 
+void StateCacheL2Table::HashValues(const L2MappingUpdateMsg& mapping, const L2Group& group)
+{
+    const uint32_t type = mapping.type();
+    const google::protobuf::FieldDescriptor* field = ValueField(type);
+    _values.clear();
+    _valueEnds.clear();
+    _valueHashes.clear();
+    for (const L2UpdateMappingItemMsg& item : mapping.items()) {
+        const size_t begin = _values.size();
+        item.GetReflection()->GetMessage(item, field).AppendToString(&_values);
+        _valueEnds.push_back(static_cast<uint32_t>(_values.size()));
+        const uint32_t hash = L2Group::Hash(type, std::string_view(_values).substr(begin));
+        _valueHashes.push_back(hash);
+        group.Prefetch(hash);
+    }
+}
+
+std::string_view StateCacheL2Table::HashedValue(int item) const
+{
+    const uint32_t begin = item == 0 ? 0 : _valueEnds[item - 1];
+    return std::string_view(_values).substr(begin, _valueEnds[item] - begin);
+}
+
 uint64_t StateCacheL2Table::ValueKeyOf(const L2UpdateMappingItemMsg& item, uint32_t type) const
 {
     switch (type) {
@@ -261,23 +286,38 @@ void StateCacheL2Table::AtomicUpdateRemoteL2Cache(const L2UpdateMsg& msg, bool f
     AssertLockDiscipline();
     google::protobuf::Arena arena;
     L2UpdateMsg& delta = *NewDelta(arena);
+    bool mappingsAsTheyCame = false;
     if (msg.mapping_update_size() > 0) {
-        VNIBaseAtomicUpdateRemoteL2CacheByZunL2(msg, delta, fullSync, deferRemoval);
+        mappingsAsTheyCame = VNIBaseAtomicUpdateRemoteL2CacheByZunL2(msg, delta, fullSync, deferRemoval);
     }
     if (msg.routing_vtep_update_size() > 0) {
         RoutingDomainBaseAtomicUpdateRemoteL2CacheByZunL2(msg, delta, fullSync);
     }
+    TellChanges(msg, mappingsAsTheyCame, delta, true);
+}
+
+void StateCacheL2Table::TellChanges(const L2UpdateMsg& msg, bool mappingsAsTheyCame, L2UpdateMsg& delta,
+                                    bool remote)
+{
+    const std::vector<SCL2TableObserver*>& observers = remote ? _remoteObservers : _localObservers;
+    if (mappingsAsTheyCame && msg.routing_vtep_update_size() == 0) {
+        Notify(observers, remote, msg);
+        return;
+    }
+    if (mappingsAsTheyCame) {
+        delta.mutable_mapping_update()->MergeFrom(msg.mapping_update());
+    }
     if (!IsEmpty(delta)) {
-        Notify(_remoteObservers, true, delta);
+        Notify(observers, remote, delta);
     }
 }
 
-void StateCacheL2Table::VNIBaseAtomicUpdateRemoteL2CacheByZunL2(const L2UpdateMsg& msg, L2UpdateMsg& delta,
+bool StateCacheL2Table::VNIBaseAtomicUpdateRemoteL2CacheByZunL2(const L2UpdateMsg& msg, L2UpdateMsg& delta,
                                                                 bool fullSync, bool deferRemoval)
 {
     if (msg.mapping_update_size() == 0) {
         FLOG_VERBOSE("VNIBaseAtomicUpdateRemoteL2CacheByZunL2 : empty msg");
-        return;
+        return false;
     }
     const VnInstanceMsg& instance = msg.mapping_update(0).vn_instance();
     const uint32_t vni = instance.vni();
@@ -287,8 +327,9 @@ void StateCacheL2Table::VNIBaseAtomicUpdateRemoteL2CacheByZunL2(const L2UpdateMs
     }
     const auto found = _remote.vnis.find(vni);
     if (found == _remote.vnis.end()) {
-        CreateRemoteVni(msg, vni, instance.transport_switch_id(), delta);
-        return;
+        // The first message of a VNI is its whole content, full sync or not.
+        CreateRemoteVni(msg, vni, instance.transport_switch_id());
+        return true;
     }
     L2Group& group = found->second;
     const L2Entry* vniEntry = group.First(0);
@@ -296,17 +337,19 @@ void StateCacheL2Table::VNIBaseAtomicUpdateRemoteL2CacheByZunL2(const L2UpdateMs
     ASSERT(vniEntry != nullptr);
     const uint32_t version = vniEntry->version;
     FLOG_VERBOSE("VNI version: %1", version);
+    bool asTheyCame = false;
     if (fullSync) {
         FullSyncRemoteVni(msg, vni, instance.transport_switch_id(), group, version + 1, deferRemoval, delta);
     } else {
-        DeltaRemoteVni(msg, group, version, delta);
+        asTheyCame = DeltaRemoteVni(msg, group, version, delta);
     }
     if (group.Empty()) {
         _remote.vnis.erase(found);
     }
+    return asTheyCame;
 }
 
-void StateCacheL2Table::CreateRemoteVni(const L2UpdateMsg& msg, uint32_t vni, uint32_t switchId, L2UpdateMsg& delta)
+void StateCacheL2Table::CreateRemoteVni(const L2UpdateMsg& msg, uint32_t vni, uint32_t switchId)
 {
     FLOG_VERBOSE("VNI creation: %1", vni);
     const auto group = _remote.vnis.try_emplace(vni).first;
@@ -330,8 +373,6 @@ void StateCacheL2Table::CreateRemoteVni(const L2UpdateMsg& msg, uint32_t vni, ui
             }
         }
     }
-    // The first message of a VNI is its whole content, full sync or not.
-    delta.mutable_mapping_update()->MergeFrom(msg.mapping_update());
     if (group->second.Empty()) {
         _remote.vnis.erase(group);
     }
@@ -350,9 +391,12 @@ void StateCacheL2Table::FullSyncRemoteVni(const L2UpdateMsg& msg, uint32_t vni, 
             continue;
         }
         const uint32_t type = mapping.type();
-        for (const L2UpdateMappingItemMsg& item : mapping.items()) {
-            const std::string_view value = ValueOf(item, type);
-            if (L2Entry* entry = group.Find(type, value)) {
+        HashValues(mapping, group);
+        for (int i = 0; i < mapping.items_size(); ++i) {
+            const L2UpdateMappingItemMsg& item = mapping.items(i);
+            const std::string_view value = HashedValue(i);
+            const uint32_t hash = _valueHashes[i];
+            if (L2Entry* entry = group.Find(hash, type, value)) {
                 entry->version = version;
                 entry->removalTime = L2Entry::kNotStale;
                 continue;
@@ -360,7 +404,7 @@ void StateCacheL2Table::FullSyncRemoteVni(const L2UpdateMsg& msg, uint32_t vni, 
             // A full sync states what there is; it cannot remove what is not there.
             ASSERT(item.op() == L2UpdateMappingItemMsg::ADD);
             FLOG_VERBOSE("add property: %1", item.ShortDebugString());
-            group.Insert(type, value, ValueKeyOf(item, type), version, switchId);
+            group.Insert(hash, type, value, ValueKeyOf(item, type), version, switchId);
             MappingFor(mappings, delta, type, vni, mapping.vn_instance().transport_switch_id())
                 ->add_items()
                 ->CopyFrom(item);
@@ -390,18 +434,25 @@ void StateCacheL2Table::FullSyncRemoteVni(const L2UpdateMsg& msg, uint32_t vni, 
     }
 }
 
-void StateCacheL2Table::DeltaRemoteVni(const L2UpdateMsg& msg, L2Group& group, uint32_t version, L2UpdateMsg& delta)
+bool StateCacheL2Table::DeltaRemoteVni(const L2UpdateMsg& msg, L2Group& group, uint32_t version, L2UpdateMsg& delta)
 {
     const uint32_t switchId = msg.mapping_update(0).vn_instance().transport_switch_id();
     FLOG_VERBOSE("VNI delta update: %1", msg.mapping_update(0).vn_instance().vni());
+    // First apply, noting which items changed; then tell those.
+    _changed.clear();
+    bool everyMappingChanged = true;
     for (const L2MappingUpdateMsg& mapping : msg.mapping_update()) {
         // A delta changes the properties of a VNI, never the VNI itself.
         ASSERT(mapping.has_type());
         const uint32_t type = mapping.type();
-        L2MappingUpdateMsg* changed = nullptr;
-        for (const L2UpdateMappingItemMsg& item : mapping.items()) {
-            const std::string_view value = ValueOf(item, type);
-            L2Entry* entry = group.Find(type, value);
+        bool mappingChanged = false;
+        HashValues(mapping, group);
+        for (int i = 0; i < mapping.items_size(); ++i) {
+            const L2UpdateMappingItemMsg& item = mapping.items(i);
+            const std::string_view value = HashedValue(i);
+            const uint32_t hash = _valueHashes[i];
+            L2Entry* entry = group.Find(hash, type, value);
+            bool changed = true;
             if (item.op() == L2UpdateMappingItemMsg::DEL) {
                 if (entry == nullptr) {
                     FLOG_ERROR("VNIBaseAtomicUpdateRemoteL2CacheByZunL2 DEL non-existing                      "
@@ -414,23 +465,39 @@ void StateCacheL2Table::DeltaRemoteVni(const L2UpdateMsg& msg, L2Group& group, u
                 group.Erase(entry);
             } else if (entry == nullptr) {
                 FLOG_VERBOSE("add property: %1", item.ShortDebugString());
-                group.Insert(type, value, ValueKeyOf(item, type), version, switchId);
+                group.Insert(hash, type, value, ValueKeyOf(item, type), version, switchId);
             } else {
                 // Re-adding what is there rescues it from a pending removal,
                 // and changes nothing the observers know.
                 FLOG_VERBOSE("delta update existing property: %1", item.ShortDebugString());
                 entry->version = version;
                 entry->removalTime = L2Entry::kNotStale;
+                changed = false;
+            }
+            _changed.push_back(changed ? 1 : 0);
+            mappingChanged = mappingChanged || changed;
+        }
+        everyMappingChanged = everyMappingChanged && mappingChanged;
+    }
+    if (everyMappingChanged && std::find(_changed.begin(), _changed.end(), 0) == _changed.end()) {
+        return true;
+    }
+    size_t next = 0;
+    for (const L2MappingUpdateMsg& mapping : msg.mapping_update()) {
+        L2MappingUpdateMsg* told = nullptr;
+        for (const L2UpdateMappingItemMsg& item : mapping.items()) {
+            if (_changed[next++] == 0) {
                 continue;
             }
-            if (changed == nullptr) {
-                changed = delta.add_mapping_update();
-                changed->set_type(mapping.type());
-                changed->mutable_vn_instance()->CopyFrom(mapping.vn_instance());
+            if (told == nullptr) {
+                told = delta.add_mapping_update();
+                told->set_type(mapping.type());
+                told->mutable_vn_instance()->CopyFrom(mapping.vn_instance());
             }
-            changed->add_items()->CopyFrom(item);
+            told->add_items()->CopyFrom(item);
         }
     }
+    return false;
 }
 
 void StateCacheL2Table::RoutingDomainBaseAtomicUpdateRemoteL2CacheByZunL2(const L2UpdateMsg& msg, L2UpdateMsg& delta,
@@ -536,31 +603,30 @@ void StateCacheL2Table::AtomicUpdateLocalL2Cache(const L2UpdateMsg& msg, bool fu
     AssertLockDiscipline();
     google::protobuf::Arena arena;
     L2UpdateMsg& delta = *NewDelta(arena);
+    bool mappingsAsTheyCame = false;
     if (msg.mapping_update_size() > 0) {
-        VNIBaseAtomicUpdateLocalL2CacheByZunL2(msg, fullSync, delta);
+        mappingsAsTheyCame = VNIBaseAtomicUpdateLocalL2CacheByZunL2(msg, fullSync, delta);
     }
     if (msg.routing_vtep_update_size() > 0) {
         RoutingDomainBaseAtomicUpdateLocalL2CacheByZunL2(msg, fullSync, delta);
     }
-    if (!IsEmpty(delta)) {
-        Notify(_localObservers, false, delta);
-    }
+    TellChanges(msg, mappingsAsTheyCame, delta, false);
 }
 
-void StateCacheL2Table::VNIBaseAtomicUpdateLocalL2CacheByZunL2(const L2UpdateMsg& msg, bool fullSync,
+bool StateCacheL2Table::VNIBaseAtomicUpdateLocalL2CacheByZunL2(const L2UpdateMsg& msg, bool fullSync,
                                                                L2UpdateMsg& delta)
 {
     if (msg.mapping_update_size() == 0 && !fullSync) {
         FLOG_VERBOSE("VNIBaseAtomicUpdateLocalL2CacheByZunL2 : empty msg");
-        return;
+        return false;
     }
     if (fullSync) {
         FullSyncLocalVnis(msg, delta);
-        return;
+        return false;
     }
     DeltaLocalVni(msg);
     // The data path's delta is exact: it goes on as it came.
-    delta.mutable_mapping_update()->MergeFrom(msg.mapping_update());
+    return true;
 }
 
 void StateCacheL2Table::DeltaLocalVni(const L2UpdateMsg& msg)

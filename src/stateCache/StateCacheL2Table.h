@@ -139,23 +139,35 @@ private:
     // The delta's mappings by type, for one VNI.
     using DeltaMappings = std::array<com::corvid::zun::l2::L2MappingUpdateMsg*, L2Group::kTypeCount>;
 
-    void VNIBaseAtomicUpdateRemoteL2CacheByZunL2(const L2UpdateMsg& msg, L2UpdateMsg& delta, bool fullSync,
+    // The VNI parts return true when what changed is exactly the message's
+    // mappings as they came (a VNI's first message, a delta in which every
+    // item changed, a local delta); they then add nothing to `delta`, and
+    // the message itself goes to the observers, uncopied.
+    bool VNIBaseAtomicUpdateRemoteL2CacheByZunL2(const L2UpdateMsg& msg, L2UpdateMsg& delta, bool fullSync,
                                                  bool deferRemoval);
     void RoutingDomainBaseAtomicUpdateRemoteL2CacheByZunL2(const L2UpdateMsg& msg, L2UpdateMsg& delta,
                                                            bool fullSync);
-    void VNIBaseAtomicUpdateLocalL2CacheByZunL2(const L2UpdateMsg& msg, bool fullSync, L2UpdateMsg& delta);
+    bool VNIBaseAtomicUpdateLocalL2CacheByZunL2(const L2UpdateMsg& msg, bool fullSync, L2UpdateMsg& delta);
     void RoutingDomainBaseAtomicUpdateLocalL2CacheByZunL2(const L2UpdateMsg& msg, bool fullSync,
                                                           L2UpdateMsg& delta);
+    // Tells the observers of one side what changed: the delta, or the
+    // message's mappings when they are what changed.
+    void TellChanges(const L2UpdateMsg& msg, bool mappingsAsTheyCame, L2UpdateMsg& delta, bool remote);
 
-    void CreateRemoteVni(const L2UpdateMsg& msg, uint32_t vni, uint32_t switchId, L2UpdateMsg& delta);
+    void CreateRemoteVni(const L2UpdateMsg& msg, uint32_t vni, uint32_t switchId);
     void FullSyncRemoteVni(const L2UpdateMsg& msg, uint32_t vni, uint32_t switchId, L2Group& group,
                            uint32_t version, bool deferRemoval, L2UpdateMsg& delta);
-    void DeltaRemoteVni(const L2UpdateMsg& msg, L2Group& group, uint32_t version, L2UpdateMsg& delta);
+    bool DeltaRemoteVni(const L2UpdateMsg& msg, L2Group& group, uint32_t version, L2UpdateMsg& delta);
     void DeltaLocalVni(const L2UpdateMsg& msg);
     void FullSyncLocalVnis(const L2UpdateMsg& msg, L2UpdateMsg& delta);
 
     // The value of an item of a type: its sub-message, serialised into _value.
     std::string_view ValueOf(const L2UpdateMappingItemMsg& item, uint32_t type);
+    // The values of all the items of a mapping and their hashes, made before
+    // any look-up so that the group's index is fetched from memory for all
+    // of them at once: a large VNI's index does not fit in the caches.
+    void HashValues(const com::corvid::zun::l2::L2MappingUpdateMsg& mapping, const L2Group& group);
+    std::string_view HashedValue(int item) const;
     const google::protobuf::FieldDescriptor* ValueField(uint32_t type) const;
     uint64_t ValueKeyOf(const L2UpdateMappingItemMsg& item, uint32_t type) const;
     // An ADD or DEL item that carries a cached value.
@@ -183,7 +195,11 @@ private:
     Clock _clock;
     // From type to the field of L2UpdateMappingItemMsg that holds its value.
     std::map<uint32_t, const google::protobuf::FieldDescriptor*> _valueFields;
-    std::string _value;  // scratch for the serialised value under look-up
+    std::string _value;         // scratch for the serialised value under look-up
+    std::string _values;        // scratch of HashValues: the values one after another,
+    std::vector<uint32_t> _valueEnds;  // where each ends,
+    std::vector<uint32_t> _valueHashes;  // and the hash of each
+    std::vector<char> _changed;  // scratch: which items of a remote delta changed
 };
 
 }  // namespace FenREL
