@@ -1,0 +1,142 @@
+#include "L2View.h"
+
+namespace DpSim {
+
+namespace l2 = com::corvid::zun::l2;
+
+std::string L2View::ItemKey(const L2UpdateMappingItemMsg& item)
+{
+    L2UpdateMappingItemMsg copy = item;
+    copy.clear_op();
+    return copy.SerializeAsString();
+}
+
+void L2View::Apply(const L2UpdateMsg& msg)
+{
+    for (const l2::L2MappingUpdateMsg& mapping : msg.mapping_update()) {
+        const uint32_t vni = mapping.vn_instance().vni();
+        if (!mapping.has_type()) {
+            if (mapping.items_size() == 0) {
+                continue;
+            }
+            if (mapping.items(0).op() == l2::L2UpdateMappingItemMsg::DEL) {
+                _vnis.erase(vni);
+            } else {
+                _vnis[vni].switchId = mapping.vn_instance().transport_switch_id();
+            }
+            continue;
+        }
+        auto [found, created] = _vnis.try_emplace(vni);
+        Vni& entry = found->second;
+        if (created) {
+            entry.switchId = mapping.vn_instance().transport_switch_id();
+        }
+        std::set<std::string>& items = entry.items[mapping.type()];
+        for (const L2UpdateMappingItemMsg& item : mapping.items()) {
+            if (item.op() == l2::L2UpdateMappingItemMsg::DEL) {
+                items.erase(ItemKey(item));
+            } else {
+                items.insert(ItemKey(item));
+            }
+        }
+        if (items.empty()) {
+            entry.items.erase(mapping.type());
+        }
+    }
+    for (const l2::L2RoutingVtepUpdateMsg& update : msg.routing_vtep_update()) {
+        std::set<std::string>& vteps = _routingDomains[update.routing_domain_id().SerializeAsString()];
+        for (const l2::L2UpdateRoutingVtepItemMsg& item : update.items()) {
+            if (item.op() == l2::L2UpdateRoutingVtepItemMsg::DEL) {
+                vteps.erase(item.vtep().SerializeAsString());
+            } else {
+                vteps.insert(item.vtep().SerializeAsString());
+            }
+        }
+        if (vteps.empty()) {
+            _routingDomains.erase(update.routing_domain_id().SerializeAsString());
+        }
+    }
+}
+
+void L2View::Clear()
+{
+    _vnis.clear();
+    _routingDomains.clear();
+}
+
+bool L2View::HasItem(uint32_t vni, int32_t type, const L2UpdateMappingItemMsg& item) const
+{
+    auto it = _vnis.find(vni);
+    if (it == _vnis.end()) {
+        return false;
+    }
+    auto items = it->second.items.find(type);
+    return items != it->second.items.end() && items->second.count(ItemKey(item)) > 0;
+}
+
+size_t L2View::ItemCount(uint32_t vni, int32_t type) const
+{
+    auto it = _vnis.find(vni);
+    if (it == _vnis.end()) {
+        return 0;
+    }
+    auto items = it->second.items.find(type);
+    return items == it->second.items.end() ? 0 : items->second.size();
+}
+
+size_t L2View::RoutingDomainVtepCount(const com::corvid::zun::UuidMsg& domain) const
+{
+    auto it = _routingDomains.find(domain.SerializeAsString());
+    return it == _routingDomains.end() ? 0 : it->second.size();
+}
+
+L2View::L2UpdateMsg L2View::ToFullMessage() const
+{
+    L2UpdateMsg msg;
+    for (const auto& [vni, entry] : _vnis) {
+        l2::L2MappingUpdateMsg* join = msg.add_mapping_update();
+        join->mutable_vn_instance()->set_vni(vni);
+        join->mutable_vn_instance()->set_transport_switch_id(entry.switchId);
+        join->add_items()->set_op(l2::L2UpdateMappingItemMsg::ADD);
+        for (const auto& [type, items] : entry.items) {
+            l2::L2MappingUpdateMsg* mapping = msg.add_mapping_update();
+            mapping->set_type(static_cast<l2::L2MappingUpdateMsg::Type>(type));
+            *mapping->mutable_vn_instance() = join->vn_instance();
+            for (const std::string& key : items) {
+                L2UpdateMappingItemMsg* item = mapping->add_items();
+                item->ParseFromString(key);
+                item->set_op(l2::L2UpdateMappingItemMsg::ADD);
+            }
+        }
+    }
+    for (const auto& [domain, vteps] : _routingDomains) {
+        l2::L2RoutingVtepUpdateMsg* update = msg.add_routing_vtep_update();
+        update->mutable_routing_domain_id()->ParseFromString(domain);
+        for (const std::string& vtep : vteps) {
+            l2::L2UpdateRoutingVtepItemMsg* item = update->add_items();
+            item->set_op(l2::L2UpdateRoutingVtepItemMsg::ADD);
+            item->mutable_vtep()->ParseFromString(vtep);
+        }
+    }
+    return msg;
+}
+
+std::string L2View::Describe() const
+{
+    std::string text;
+    for (const auto& [vni, entry] : _vnis) {
+        text += "vni " + std::to_string(vni) + " switch " + std::to_string(entry.switchId);
+        for (const auto& [type, items] : entry.items) {
+            text += " type" + std::to_string(type) + "=" + std::to_string(items.size());
+        }
+        text += "\n";
+    }
+    for (const auto& [domain, vteps] : _routingDomains) {
+        com::corvid::zun::UuidMsg id;
+        id.ParseFromString(domain);
+        text += "routing domain " + id.ShortDebugString() + " vteps " + std::to_string(vteps.size()) + "\n";
+    }
+    return text;
+}
+
+}  // namespace DpSim

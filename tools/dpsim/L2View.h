@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+
+#include "ccp_lcp_l2.pb.h"
+
+namespace DpSim {
+
+// L2 forwarding state as one side of the link holds it: per VNI whether it is
+// joined and its items by mapping type, per routing domain its VTEPs.
+//
+// An update applies item by item: ADD inserts, DEL removes. A mapping without
+// a type joins (ADD) or leaves (DEL, with all its items) a VNI. Items are
+// kept as their serialised bytes without the operation, so that an ADD and a
+// DEL of the same value meet.
+class L2View {
+public:
+    using L2UpdateMsg = com::corvid::zun::l2::L2UpdateMsg;
+    using L2UpdateMappingItemMsg = com::corvid::zun::l2::L2UpdateMappingItemMsg;
+
+    void Apply(const L2UpdateMsg& msg);
+    void Clear();
+
+    bool HasVni(uint32_t vni) const { return _vnis.count(vni) > 0; }
+    size_t VniCount() const { return _vnis.size(); }
+    bool HasItem(uint32_t vni, int32_t type, const L2UpdateMappingItemMsg& item) const;
+    size_t ItemCount(uint32_t vni, int32_t type) const;
+    size_t RoutingDomainVtepCount(const com::corvid::zun::UuidMsg& domain) const;
+    // Everything as one message of ADDs: per VNI a mapping without a type,
+    // then one per type; per routing domain one update.
+    L2UpdateMsg ToFullMessage() const;
+    // One line per VNI and routing domain.
+    std::string Describe() const;
+
+    // The identity of an item: its bytes without the operation.
+    static std::string ItemKey(const L2UpdateMappingItemMsg& item);
+
+private:
+    struct Vni {
+        uint32_t switchId = 0;
+        std::map<int32_t, std::set<std::string>> items;  // by mapping type
+    };
+
+    std::map<uint32_t, Vni> _vnis;
+    std::map<std::string, std::set<std::string>> _routingDomains;  // serialised id -> serialised VTEPs
+};
+
+}  // namespace DpSim
