@@ -1,11 +1,9 @@
 #include "CtrlMsg.h"
 
-#include <syslog.h>
-
-#include <cstdio>
 #include <cstring>
 
 #include "Assert.h"
+#include "MemAlloc.h"
 #include "TlvCommon.h"
 
 namespace ZUNChannel {
@@ -18,14 +16,6 @@ constexpr size_t kOffsetSessionId = 5;
 constexpr size_t kOffsetType = 9;
 constexpr size_t kOffsetLength = 11;
 constexpr size_t kOffsetProtocolId = 13;
-
-// Half a protocol state is worse than a restart by the supervisor.
-[[noreturn]] void AllocFailed()
-{
-    syslog(LOG_ERR, "FENREL_ALLOC_FAIL : FenREL error: no memory!");
-    fflush(nullptr);
-    exit(1);
-}
 
 }  // namespace
 
@@ -93,20 +83,12 @@ void CtrlMsg::StampSessionId(uint8_t* msg, uint32_t sessionId)
 
 uint8_t* CtrlMsg::AllocBuffer(size_t size)
 {
-    void* buffer = malloc(size);
-    if (buffer == nullptr) {
-        AllocFailed();
-    }
-    return static_cast<uint8_t*>(buffer);
+    return FenREL::MemAlloc::Buffer(size);
 }
 
 uint8_t* CtrlMsg::ReallocBuffer(uint8_t* buffer, size_t size)
 {
-    void* grown = realloc(buffer, size);
-    if (grown == nullptr) {
-        AllocFailed();
-    }
-    return static_cast<uint8_t*>(grown);
+    return FenREL::MemAlloc::Resize(buffer, size);
 }
 
 uint8_t* CtrlMsg::New(uint16_t type, uint16_t protocolId, size_t bodyLength)

@@ -26,6 +26,7 @@
 #include "Configuration.h"
 #include "GlobalLock.h"
 #include "Logger.h"
+#include "MemAlloc.h"
 #include "MainConfig.h"
 #include "TlvCommon.h"
 #include "Uuid.h"
@@ -63,13 +64,6 @@ std::string DirectoryOf(const std::string& file)
         return ".";
     }
     return slash == 0 ? std::string("/") : file.substr(0, slash);
-}
-
-[[noreturn]] void AllocationFailed()
-{
-    syslog(LOG_ERR, "FENREL_ALLOC_FAIL : FenREL error: no memory!");
-    fflush(nullptr);
-    exit(1);
 }
 
 // An IPv4 address held as an integer in host order, as dotted text.
@@ -398,10 +392,7 @@ uint8_t* ConfigManager::BuildSyncRequest(uint32_t& length) const
     request.mutable_sync_request();
     const std::string body = request.SerializeAsString();
     length = static_cast<uint32_t>(TlvCommon::kHeaderLen + body.size());
-    uint8_t* buffer = static_cast<uint8_t*>(malloc(length));
-    if (buffer == nullptr) {
-        AllocationFailed();
-    }
+    uint8_t* buffer = MemAlloc::Buffer(length);
     TlvCommon::Write(buffer, CFG_TYPE_CONTROLLER_INFO_REQUEST, body.data(), body.size());
     return buffer;
 }
@@ -698,7 +689,7 @@ X509* ConfigManager::PemToX509(const std::string& pem)
     }
     BIO* bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
     if (bio == nullptr) {
-        AllocationFailed();
+        MemAlloc::Failed();
     }
     X509* certificate = PEM_read_bio_X509(bio, nullptr, nullptr, nullptr);
     BIO_free(bio);
@@ -716,7 +707,7 @@ bool ConfigManager::X509ToPem(const X509* certificate, std::string& pem)
     }
     BIO* bio = BIO_new(BIO_s_mem());
     if (bio == nullptr) {
-        AllocationFailed();
+        MemAlloc::Failed();
     }
     bool ok = PEM_write_bio_X509(bio, const_cast<X509*>(certificate)) == 1;
     if (ok) {
