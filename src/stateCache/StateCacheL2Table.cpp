@@ -901,6 +901,7 @@ bool StateCacheL2Table::QueryFullByVni(const Cache& cache, uint32_t vni, bool wi
 {
     const auto found = cache.vnis.find(vni);
     if (found == cache.vnis.end()) {
+        FLOG_VERBOSE("property does not exist: vni : %1", vni);
         return false;
     }
     DeltaMappings mappings{};
@@ -919,7 +920,6 @@ bool StateCacheL2Table::QueryLocalL2FullCacheByVNI(uint32_t vni, L2UpdateMsg& ms
 {
     AssertLockDiscipline();
     if (!QueryFullByVni(_local, vni, true, msg)) {
-        FLOG_VERBOSE("property does not exist: vni : %1", vni);
         return false;
     }
     FLOG_VERBOSE("StateCacheL2Table::QueryLocalL2FullCacheByVNI vni: %1, msg: %2, msg size: %3", vni,
@@ -930,11 +930,7 @@ bool StateCacheL2Table::QueryLocalL2FullCacheByVNI(uint32_t vni, L2UpdateMsg& ms
 bool StateCacheL2Table::QueryRemoteL2FullCacheByVNI(uint32_t vni, L2UpdateMsg& msg)
 {
     AssertLockDiscipline();
-    if (!QueryFullByVni(_remote, vni, false, msg)) {
-        FLOG_VERBOSE("property does not exist: vni : %1", vni);
-        return false;
-    }
-    return true;
+    return QueryFullByVni(_remote, vni, false, msg);
 }
 
 bool StateCacheL2Table::QueryRemoteL2ByKey(uint32_t vni, uint32_t type, uint64_t valueKey, L2CacheItem& item)
@@ -953,54 +949,53 @@ bool StateCacheL2Table::QueryRemoteL2ByKey(uint32_t vni, uint32_t type, uint64_t
     return false;
 }
 
+const L2Entry* StateCacheL2Table::FirstOfType(const Cache& cache, uint32_t vni, uint32_t type) const
+{
+    const auto found = cache.vnis.find(vni);
+    const L2Entry* first =
+        found != cache.vnis.end() && type < L2Group::kTypeCount ? found->second.First(type) : nullptr;
+    if (first == nullptr) {
+        FLOG_VERBOSE("property does not exist: vni : %1 , type: %2", vni, type);
+    }
+    return first;
+}
+
 bool StateCacheL2Table::QueryL2Values(uint32_t vni, uint32_t type, L2Side side, std::vector<std::string>& values)
 {
     AssertLockDiscipline();
-    const Cache& cache = CacheOf(side);
-    const auto found = cache.vnis.find(vni);
-    if (found == cache.vnis.end() || type >= L2Group::kTypeCount || found->second.First(type) == nullptr) {
-        FLOG_VERBOSE("property does not exist: vni : %1 , type: %2", vni, type);
-        return false;
-    }
-    for (const L2Entry* entry = found->second.First(type); entry != nullptr; entry = entry->next) {
+    const L2Entry* first = FirstOfType(CacheOf(side), vni, type);
+    for (const L2Entry* entry = first; entry != nullptr; entry = entry->next) {
         values.emplace_back(entry->Value());
     }
-    return true;
+    return first != nullptr;
 }
 
 bool StateCacheL2Table::QueryL2Items(uint32_t vni, uint32_t type, L2Side side,
                                      std::vector<L2UpdateMappingItemMsg>& items)
 {
     AssertLockDiscipline();
-    const Cache& cache = CacheOf(side);
-    const auto found = cache.vnis.find(vni);
-    if (found == cache.vnis.end() || type >= L2Group::kTypeCount || found->second.First(type) == nullptr) {
-        FLOG_VERBOSE("property does not exist: vni : %1 , type: %2", vni, type);
-        return false;
-    }
-    for (const L2Entry* entry = found->second.First(type); entry != nullptr; entry = entry->next) {
+    const L2Entry* first = FirstOfType(CacheOf(side), vni, type);
+    for (const L2Entry* entry = first; entry != nullptr; entry = entry->next) {
         items.emplace_back();
         FillItem(items.back(), type, entry->Value(), true);
     }
-    return true;
+    return first != nullptr;
 }
 
 bool StateCacheL2Table::GetLocalSwitchId(uint32_t vni, uint32_t type, uint32_t& switchId)
 {
     AssertLockDiscipline();
-    const auto found = _local.vnis.find(vni);
-    if (found == _local.vnis.end() || type >= L2Group::kTypeCount || found->second.First(type) == nullptr) {
-        FLOG_VERBOSE("property does not exist: vni : %1 , type: %2", vni, type);
-        return false;
+    const L2Entry* first = FirstOfType(_local, vni, type);
+    if (first != nullptr) {
+        switchId = first->switchId;
     }
-    switchId = found->second.First(type)->switchId;
-    return true;
+    return first != nullptr;
 }
 
 void StateCacheL2Table::ReadAll(const Cache& cache, bool withVniEntryItem, L2UpdateMsg& msg) const
 {
     for (const auto& vni : cache.vnis) {
-        QueryFullByVni(cache, vni.first, withVniEntryItem, msg);
+        QueryFullByVni(cache, vni.first, withVniEntryItem, msg);  // found: it is there
     }
     for (const auto& [key, group] : cache.domains) {
         L2RoutingVtepUpdateMsg* update = msg.add_routing_vtep_update();

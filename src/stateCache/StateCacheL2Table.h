@@ -174,7 +174,10 @@ private:
     void FillItem(L2UpdateMappingItemMsg& item, uint32_t type, std::string_view value, bool add) const;
     L2CacheItem CopyOut(int32_t kind, uint32_t vni, const std::string& domain, const L2Entry& entry) const;
     void ReadAll(const Cache& cache, bool withVniEntryItem, L2UpdateMsg& msg) const;
+    // All items of a VNI as ADDs; false, with a line, if it has none.
     bool QueryFullByVni(const Cache& cache, uint32_t vni, bool withVniEntryItem, L2UpdateMsg& msg) const;
+    // The first item of a VNI and type; null, with a line, if there is none.
+    const L2Entry* FirstOfType(const Cache& cache, uint32_t vni, uint32_t type) const;
     void Notify(const std::vector<SCL2TableObserver*>& observers, bool remote, const L2UpdateMsg& delta);
     // The reaction to a message that contradicts a mirror; the line is
     // already written. Dumps the cache concerned and stops the process.
