@@ -5,6 +5,7 @@
 #include <limits>
 #include <sstream>
 
+#include "ConfigCommands.h"
 #include "ControllerSim.h"
 #include "Hex.h"
 
@@ -97,6 +98,18 @@ CommandShell::CommandShell(ControllerSim& sim) : _sim(sim)
         {"close", "close [conn]", 0, 1, [this](const Args& args) { return Close(args); }},
         {"accept", "accept on|refuse|off", 1, 1, [this](const Args& args) { return Accept(args); }},
         {"status", "status", 0, 0, [this](const Args& args) { return Status(args); }},
+        {"config-push", "config-push <file of CcpLcpZunConfigMsg text|hex payload>", 1, 1,
+         [this](const Args& args) { return ConfigCommands::Push(_sim, args, _output); }},
+        {"config-end", "config-end [session]", 0, 1,
+         [this](const Args& args) { return ConfigCommands::End(_sim, args, _output); }},
+        {"config-auto", "config-auto on|off [file of CcpLcpZunConfigMsg text]", 1, 2,
+         [this](const Args& args) { return ConfigCommands::Auto(_sim, args, _output); }},
+        {"config-view", "config-view", 0, 0,
+         [this](const Args& args) { return ConfigCommands::View(_sim, args, _output); }},
+        {"traceflow-out", "traceflow-out <hex TraceflowMsg|-> [conn]", 1, 2,
+         [this](const Args& args) { return ConfigCommands::TraceflowOut(_sim, args, _output); }},
+        {"traceflow-view", "traceflow-view", 0, 0,
+         [this](const Args& args) { return ConfigCommands::TraceflowView(_sim, args, _output); }},
         {"quit", "quit", 0, 0, [this](const Args& args) { return Quit(args); }},
     };
 }

@@ -47,10 +47,14 @@ ControllerSim::ControllerSim() : ControllerSim(Options()) {}
 ControllerSim::ControllerSim(Options options)
     : _options(std::move(options)),
       _core(std::make_shared<CoreHandler>()),
+      _config(std::make_shared<ConfigHandler>(*this)),
+      _traceflow(std::make_shared<TraceflowHandler>(*this)),
       _work(boost::asio::make_work_guard(_io)),
       _acceptor(_io)
 {
     RegisterHandler(CoreProtocolId, _core);
+    RegisterHandler(ConfigHandler::ProtocolId, _config);
+    RegisterHandler(TraceflowHandler::ProtocolId, _traceflow);
 }
 
 ControllerSim::~ControllerSim()

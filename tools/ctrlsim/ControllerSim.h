@@ -20,11 +20,13 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
 
+#include "ConfigHandler.h"
 #include "CoreHandler.h"
 #include "MessageHandler.h"
 #include "MessageWriter.h"
 #include "Recording.h"
 #include "SimConnectionOwner.h"
+#include "TraceflowHandler.h"
 
 namespace CtrlSim {
 
@@ -77,6 +79,9 @@ public:
 
     // Hello and keep-alive settings.
     CoreHandler& Core() { return *_core; }
+    // The config channel (256) and traceflow (1026), registered at construction.
+    ConfigHandler& Config() { return *_config; }
+    TraceflowHandler& Traceflow() { return *_traceflow; }
     // A handler for every message of `protocolId`, or only for those of
     // `type`; the one for the exact type wins. Replaces an earlier one of the
     // same key. The CoreHandler is registered for protocolID 0 at construction.
@@ -154,6 +159,8 @@ private:
     const Options _options;
     uint16_t _port = 0;
     std::shared_ptr<CoreHandler> _core;
+    std::shared_ptr<ConfigHandler> _config;
+    std::shared_ptr<TraceflowHandler> _traceflow;
 
     // Control: Start, Stop and the posting of actions are serialised.
     std::mutex _controlMutex;
