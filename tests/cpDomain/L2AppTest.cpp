@@ -1,3 +1,4 @@
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -302,21 +303,50 @@ protected:
         return false;
     }
 
-    // A logical switch's routing domain as the controller publishes it;
-    // without `domain` the property is deleted.
-    void SetSwitchDomain(uint64_t ls, const com::corvid::zun::UuidMsg* domain)
+    // Logical switches' routing domains in one batch, as the controller
+    // publishes them; a null domain deletes the property.
+    void SetSwitchDomains(const std::vector<std::pair<uint64_t, const com::corvid::zun::UuidMsg*>>& batch)
     {
-        config::ZunConfigDeltaMsg delta;
-        delta.set_operation(domain ? config::ZunConfigDeltaMsg::UPDATE_OP : config::ZunConfigDeltaMsg::DELETE_OP);
-        *delta.mutable_entity_id() = Uuid(0x15, ls);
-        delta.set_entity_type(config::LOG_SWITCH);
-        config::EntityPropertyMsg* property = delta.add_property();
-        property->set_property_type(config::EntityPropertyMsg::LS_ROUTING_DOMAIN_ID);
-        if (domain) {
-            *property->mutable_ls_routing_domain_id() = *domain;
+        std::vector<config::ZunConfigDeltaMsg> deltas;
+        for (const auto& [ls, domain] : batch) {
+            config::ZunConfigDeltaMsg& delta = deltas.emplace_back();
+            delta.set_operation(domain ? config::ZunConfigDeltaMsg::UPDATE_OP : config::ZunConfigDeltaMsg::DELETE_OP);
+            *delta.mutable_entity_id() = Uuid(0x15, ls);
+            delta.set_entity_type(config::LOG_SWITCH);
+            config::EntityPropertyMsg* property = delta.add_property();
+            property->set_property_type(config::EntityPropertyMsg::LS_ROUTING_DOMAIN_ID);
+            if (domain) {
+                *property->mutable_ls_routing_domain_id() = *domain;
+            }
         }
-        FenREL::StateCache::GetInstance()->GetConfigTable()->AtomicUpdateRemoteCache(
-            std::vector<config::ZunConfigDeltaMsg>{delta}, false);
+        FenREL::StateCache::GetInstance()->GetConfigTable()->AtomicUpdateRemoteCache(deltas, false);
+    }
+
+    // The routing VTEP items sent since the last look, one word per item:
+    // "<domain's left half>:<op>[@<VTEP in hex>]", messages apart by " | ".
+    std::string TakeRouting()
+    {
+        std::string text;
+        for (const l2::L2UpdateMsg& update : Sent()) {
+            text += text.empty() ? "" : " | ";
+            std::string words;
+            for (const auto& element : update.routing_vtep_update()) {
+                for (const RoutingItem& item : element.items()) {
+                    char word[48];
+                    snprintf(word, sizeof(word), "%s%llx:%s", words.empty() ? "" : " ",
+                             static_cast<unsigned long long>(element.routing_domain_id().left()),
+                             item.op() == RoutingItem::ADD ? "ADD" : "DEL");
+                    words += word;
+                    if (item.has_vtep()) {
+                        snprintf(word, sizeof(word), "@%x", item.vtep().vtep_ip().ipv4());
+                        words += word;
+                    }
+                }
+            }
+            text += words;
+        }
+        ClearSent();
+        return text;
     }
 
     FenREL::StateCacheL2Table* _l2Table = nullptr;
@@ -341,33 +371,44 @@ TEST_F(L2AppTest, HelloFeatureIsTenBytesAndMaxPktLenFollowsThePool)
     EXPECT_EQ(984, _app->GetHelloParams().maxPktLen);
 }
 
-TEST_F(L2AppTest, SessionUpSendsTheLocalStateAsOneFullSync)
+TEST_F(L2AppTest, LocalStateReachesTheControllerOnlyOverTheSession)
 {
     LocalJoin(7, kVni);
+    l2::L2UpdateMsg delta;
+    AddMacs(delta, kVni, {0xA1});
     {
         FenRELTest::LogCapture log;
-        l2::L2UpdateMsg macs;
-        AddMacs(macs, kVni, {0xA1});
-        macs.mutable_mapping_update(0)->mutable_vn_instance()->set_transport_switch_id(7);
-        Local(macs);
+        Local(delta);
         EXPECT_TRUE(Contains(log.Text(), "L2App: Session is not established"));
     }
     EXPECT_TRUE(SentFrames(kController).empty());
 
-    FenRELTest::LogCapture log;
-    SessionUp();
-    EXPECT_TRUE(Contains(log.Text(), "L2App: received session up from controller 10.0.0.1:0"));
-    const std::vector<l2::L2UpdateMsg> sent = Sent();
+    // Session up: the whole local state in one update, marked as a full sync.
+    {
+        FenRELTest::LogCapture log;
+        SessionUp();
+        EXPECT_TRUE(Contains(log.Text(), "L2App: received session up from controller 10.0.0.1:0"));
+    }
+    std::vector<l2::L2UpdateMsg> sent = Sent();
     ASSERT_EQ(1u, sent.size());
-    const l2::L2UpdateMsg& fullSync = sent[0];
-    ASSERT_EQ(2, fullSync.mapping_update_size());
-    // The first mapping is the VNI entry: the full-sync mark.
-    EXPECT_FALSE(fullSync.mapping_update(0).has_type());
-    EXPECT_EQ(MappingItem::ADD, fullSync.mapping_update(0).items(0).op());
-    EXPECT_EQ(kVni, fullSync.mapping_update(0).vn_instance().vni());
-    EXPECT_EQ(l2::L2MappingUpdateMsg::VM_MAC, fullSync.mapping_update(1).type());
-    EXPECT_EQ(0xA1u, fullSync.mapping_update(1).items(0).vm_mac().vm_mac().mac());
-    EXPECT_EQ(0, fullSync.routing_vtep_update_size());
+    ASSERT_EQ(2, sent[0].mapping_update_size());
+    EXPECT_FALSE(sent[0].mapping_update(0).has_type());
+    EXPECT_EQ(MappingItem::ADD, sent[0].mapping_update(0).items(0).op());
+    EXPECT_EQ(kVni, sent[0].mapping_update(0).vn_instance().vni());
+    EXPECT_EQ(0xA1u, sent[0].mapping_update(1).items(0).vm_mac().vm_mac().mac());
+    ClearSent();
+
+    // A change goes out as it came; after the session, nothing is queued.
+    delta.mutable_mapping_update(0)->mutable_items(0)->mutable_vm_mac()->mutable_vm_mac()->set_mac(0xA2);
+    Local(delta);
+    sent = Sent();
+    ASSERT_EQ(1u, sent.size());
+    EXPECT_EQ(delta.SerializeAsString(), sent[0].SerializeAsString());
+    SessionDown();
+    ClearSent();
+    delta.mutable_mapping_update(0)->mutable_items(0)->mutable_vm_mac()->mutable_vm_mac()->set_mac(0xA3);
+    Local(delta);
+    EXPECT_TRUE(SentFrames(kController).empty());
 }
 
 TEST_F(L2AppTest, LargeFullSyncGoesOutInFragmentsOfThePoolLimit)
@@ -394,30 +435,6 @@ TEST_F(L2AppTest, LargeFullSyncGoesOutInFragmentsOfThePoolLimit)
     l2::L2UpdateMsg expected;
     ASSERT_TRUE(_l2Table->ReadAllLocal(expected));
     EXPECT_EQ(expected.SerializeAsString(), sent[0].SerializeAsString());
-}
-
-TEST_F(L2AppTest, LocalDeltasGoOutAsTheyCameWhileThereIsASession)
-{
-    LocalJoin(7, kVni);
-    SessionUp();
-    ClearSent();
-
-    l2::L2UpdateMsg delta;
-    AddMacs(delta, kVni, {0xB1, 0xB2});
-    Local(delta);
-    std::vector<l2::L2UpdateMsg> sent = Sent();
-    ASSERT_EQ(1u, sent.size());
-    EXPECT_EQ(delta.SerializeAsString(), sent[0].SerializeAsString());
-
-    // After the session, nothing is queued: the next full sync covers it.
-    SessionDown();
-    ClearSent();
-    FenRELTest::LogCapture log;
-    l2::L2UpdateMsg later;
-    AddMacs(later, kVni, {0xB3});
-    Local(later);
-    EXPECT_TRUE(Contains(log.Text(), "L2App: Session is not established"));
-    EXPECT_TRUE(SentFrames(kController).empty());
 }
 
 TEST_F(L2AppTest, TwoSwitchesShareTheVniAndALeaveClearsItsRemoteState)
@@ -451,15 +468,7 @@ TEST_F(L2AppTest, TwoSwitchesShareTheVniAndALeaveClearsItsRemoteState)
 
     DeliverEntry(8, kVni, MappingItem::DEL);
     EXPECT_FALSE(_app->FindVirtualNetwork(kVni));
-}
-
-TEST_F(L2AppTest, UpdateInFlightAcrossALeaveIsDropped)
-{
-    SessionUp();
-    DeliverEntry(7, kVni, MappingItem::ADD);
-    Receive(ControllerFullSync(kVni, {1}));
-    DeliverEntry(7, kVni, MappingItem::DEL);
-
+    // An update in flight across the leave is dropped.
     FenRELTest::LogCapture log;
     Receive(ControllerDelta(kVni, {2}));
     EXPECT_TRUE(Contains(log.Text(), "L2App: receive update after vni leave, VNI 5001 \n")) << log.Text();
@@ -546,7 +555,7 @@ TEST_F(L2AppTest, RoutingDomainFullSyncReplacesItsVteps)
     _l2Table->ListRoutingDomains(domains);
     EXPECT_TRUE(domains.empty());
 
-    SetSwitchDomain(1, &domain);
+    SetSwitchDomains({{1, &domain}});
     ASSERT_EQ(1u, _app->GetRoutingDomains().size());
     {
         FenRELTest::LogCapture log;
@@ -629,6 +638,12 @@ TEST_F(L2AppTest, MessagesThatAreOnlyLogged)
     ClearSent();
     const Frame notification = {0x01, 0xBA, 0xDB, 0xEE, 0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x08, 0x00,
                                 0x17, 0x00, 0x40, 0x00, 0x01, 0x00, 0x02, 0x00, 0x00, 0x13, 0x89};
+    auto withPair = [&notification](uint8_t error, uint8_t sub) {
+        Frame frame = notification;
+        frame[16] = error;
+        frame[18] = sub;
+        return frame;
+    };
     struct Case {
         Frame frame;
         std::string from;
@@ -639,6 +654,8 @@ TEST_F(L2AppTest, MessagesThatAreOnlyLogged)
     const std::vector<Case> cases = {
         {notification, kController, "L2App: notification from controller for invalid VNI 5001"},
         {notification, kOther, "L2App: failed to validate notification message"},
+        {withPair(2, 2), kController, "errorCode=\"LCP00409\"] L2App: error/sub:2/2 need handler"},
+        {withPair(1, 1), kController, "errorCode=\"LCP00409\"] L2App: error/sub 1/1 need handler"},
         {Frame(notification.begin(), notification.end() - 1), kController,
          "errorCode=\"LCP00409\"] L2App: Invalid notification message received from 10.0.0.1:0 of length 22"},
         {ControllerFrame(l2::L2UpdateMsg(), 4), kController, "L2App: unknown message from controller (type 4)"},
@@ -658,66 +675,36 @@ TEST_F(L2AppTest, RoutingDomainsFollowTheSwitchesAndAnnounceTheHostVtep)
     const auto d1 = Uuid(1, 0xD1);
     const auto d2 = Uuid(2, 0xD2);
     const auto zero = Uuid(0, 0);
-    Local(LocalVtep(Vtep(0x0C000001), RoutingItem::ADD));
+    const auto d3 = Uuid(3, 0xD3);
+    Local(LocalVtep(Vtep(0xC000001), RoutingItem::ADD));
     SessionUp();
     ClearSent();
 
     FenRELTest::LogCapture log;
-    SetSwitchDomain(1, &d1);
-    std::vector<l2::L2UpdateMsg> sent = Sent();
-    ASSERT_EQ(1u, sent.size());
-    ASSERT_EQ(2, sent[0].routing_vtep_update_size());
-    for (const auto& element : sent[0].routing_vtep_update()) {
-        EXPECT_EQ(d1.SerializeAsString(), element.routing_domain_id().SerializeAsString());
-        ASSERT_EQ(1, element.items_size());
-        EXPECT_EQ(RoutingItem::ADD, element.items(0).op());
-    }
-    EXPECT_FALSE(sent[0].routing_vtep_update(0).items(0).has_vtep());
-    EXPECT_EQ(0x0C000001u, sent[0].routing_vtep_update(1).items(0).vtep().vtep_ip().ipv4());
+    SetSwitchDomains({{1, &d1}});
+    EXPECT_EQ("1:ADD 1:ADD@c000001", TakeRouting());
     EXPECT_TRUE(_app->IsRoutingVtepMarkerSent());
-    ClearSent();
-
-    SetSwitchDomain(2, &d1);
-    EXPECT_TRUE(SentFrames(kController).empty());
+    SetSwitchDomains({{2, &d1}});
+    EXPECT_EQ("", TakeRouting());
     // Switch 1 moves to d2; d1 keeps switch 2.
-    SetSwitchDomain(1, &d2);
-    sent = Sent();
-    ASSERT_EQ(1u, sent.size());
-    EXPECT_EQ(d2.SerializeAsString(), sent[0].routing_vtep_update(0).routing_domain_id().SerializeAsString());
-    ClearSent();
+    SetSwitchDomains({{1, &d2}});
+    EXPECT_EQ("2:ADD 2:ADD@c000001", TakeRouting());
 
-    // The controller's VTEPs of d1, forgotten with the domain.
+    // The controller's VTEPs of d1 go with the domain.
     l2::L2UpdateMsg remote;
-    auto* element = remote.add_routing_vtep_update();
-    *element->mutable_routing_domain_id() = d1;
-    element->add_items()->set_op(RoutingItem::ADD);
+    *remote.add_routing_vtep_update()->mutable_routing_domain_id() = d1;
+    remote.mutable_routing_vtep_update(0)->add_items()->set_op(RoutingItem::ADD);
     Receive(remote);
-    SetSwitchDomain(2, nullptr);
-    sent = Sent();
-    ASSERT_EQ(1u, sent.size());
-    ASSERT_EQ(2, sent[0].routing_vtep_update_size());
-    EXPECT_EQ(RoutingItem::DEL, sent[0].routing_vtep_update(0).items(0).op());
-    EXPECT_EQ(RoutingItem::DEL, sent[0].routing_vtep_update(1).items(0).op());
-    EXPECT_TRUE(sent[0].routing_vtep_update(1).items(0).has_vtep());
-    ASSERT_EQ(1u, _app->GetRoutingDomains().count(d2.SerializeAsString()));
+    SetSwitchDomains({{2, nullptr}});
+    EXPECT_EQ("1:DEL 1:DEL@c000001", TakeRouting());
+    EXPECT_EQ(1u, _app->GetRoutingDomains().count(d2.SerializeAsString()));
     EXPECT_EQ(1u, _app->GetRoutingDomains().size());
     std::vector<com::corvid::zun::UuidMsg> domains;
     _l2Table->ListRoutingDomains(domains);
     EXPECT_TRUE(domains.empty());
 
     // A switch without a domain ends the batch: switch 4 is not attached.
-    config::ZunConfigDeltaMsg none;
-    none.set_operation(config::ZunConfigDeltaMsg::UPDATE_OP);
-    *none.mutable_entity_id() = Uuid(0x15, 3);
-    none.set_entity_type(config::LOG_SWITCH);
-    auto* property = none.add_property();
-    property->set_property_type(config::EntityPropertyMsg::LS_ROUTING_DOMAIN_ID);
-    *property->mutable_ls_routing_domain_id() = zero;
-    config::ZunConfigDeltaMsg other = none;
-    *other.mutable_entity_id() = Uuid(0x15, 4);
-    *other.mutable_property(0)->mutable_ls_routing_domain_id() = Uuid(3, 0xD3);
-    FenREL::StateCache::GetInstance()->GetConfigTable()->AtomicUpdateRemoteCache(
-        std::vector<config::ZunConfigDeltaMsg>{none, other}, false);
+    SetSwitchDomains({{3, &zero}, {4, &d3}});
     EXPECT_EQ(1u, _app->GetRoutingDomains().size());
 
     const std::string& text = log.Text();
@@ -734,50 +721,26 @@ TEST_F(L2AppTest, LocalVtepChangeCarriesTheMarkerOnceAndFullSyncsAlways)
     const auto d1 = Uuid(1, 0xD1);
     const auto d2 = Uuid(2, 0xD2);
     // Domains known before the host has a VTEP: nothing is announced.
-    SetSwitchDomain(1, &d1);
-    SetSwitchDomain(2, &d2);
+    SetSwitchDomains({{1, &d1}, {2, &d2}});
     EXPECT_FALSE(_app->IsRoutingVtepMarkerSent());
     SessionUp();
     ClearSent();
 
-    Local(LocalVtep(Vtep(0x0C000001), RoutingItem::ADD));
-    std::vector<l2::L2UpdateMsg> sent = Sent();
-    ASSERT_EQ(1u, sent.size());
-    // d1: the marker, then the VTEP; d2: the VTEP only.
-    ASSERT_EQ(3, sent[0].routing_vtep_update_size());
-    EXPECT_EQ(d1.SerializeAsString(), sent[0].routing_vtep_update(0).routing_domain_id().SerializeAsString());
-    EXPECT_FALSE(sent[0].routing_vtep_update(0).items(0).has_vtep());
-    EXPECT_EQ(d1.SerializeAsString(), sent[0].routing_vtep_update(1).routing_domain_id().SerializeAsString());
-    EXPECT_TRUE(sent[0].routing_vtep_update(1).items(0).has_vtep());
-    EXPECT_EQ(d2.SerializeAsString(), sent[0].routing_vtep_update(2).routing_domain_id().SerializeAsString());
-    EXPECT_TRUE(sent[0].routing_vtep_update(2).items(0).has_vtep());
-    ClearSent();
-
-    Local(LocalVtep(Vtep(0x0C000002), RoutingItem::ADD));
-    sent = Sent();
-    ASSERT_EQ(1u, sent.size());
-    ASSERT_EQ(2, sent[0].routing_vtep_update_size());
-    for (const auto& element : sent[0].routing_vtep_update()) {
-        EXPECT_EQ(0x0C000002u, element.items(0).vtep().vtep_ip().ipv4());
-    }
-
+    Local(LocalVtep(Vtep(0xC000001), RoutingItem::ADD));
+    EXPECT_EQ("1:ADD 1:ADD@c000001 2:ADD@c000001", TakeRouting());
+    Local(LocalVtep(Vtep(0xC000002), RoutingItem::ADD));
+    EXPECT_EQ("1:ADD@c000002 2:ADD@c000002", TakeRouting());
     SessionDown();
     ClearSent();
     SessionUp();
-    sent = Sent();
-    ASSERT_EQ(1u, sent.size());
-    ASSERT_EQ(4, sent[0].routing_vtep_update_size());
-    for (int i = 0; i < 4; i += 2) {
-        EXPECT_FALSE(sent[0].routing_vtep_update(i).items(0).has_vtep());
-        EXPECT_EQ(0x0C000002u, sent[0].routing_vtep_update(i + 1).items(0).vtep().vtep_ip().ipv4());
-    }
+    EXPECT_EQ("1:ADD 1:ADD@c000002 2:ADD 2:ADD@c000002", TakeRouting());
 }
 
 TEST_F(L2AppTest, LocalVtepWithoutAddressIsFatal)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto d1 = Uuid(1, 0xD1);
-    SetSwitchDomain(1, &d1);
+    SetSwitchDomains({{1, &d1}});
     l2::L2UpdateMsg msg;
     msg.add_routing_vtep_update()->add_items()->set_op(RoutingItem::ADD);
     EXPECT_DEATH(Deliver(msg), "ASSERT");
