@@ -159,6 +159,11 @@ TEST_F(StartupTest, SignalsDumpAndTheLoopGoesOn)
 
     daemon->Signal(SIGTSTP);
     EXPECT_TRUE(daemon->WaitForStdout("Fenrel received DumpCache signal, start DumpCache.", 10s));
+    for (const char* header : {"Fenrel Dump local ConfigCacheTable.", "Fenrel Dump remote ConfigCacheTable.",
+                               "Fenrel Dump local L2CacheTable.", "Fenrel Dump remote L2CacheTable.",
+                               "Fenrel Dump remote session CacheTable."}) {
+        EXPECT_TRUE(daemon->WaitForStdout(header, 10s));
+    }
     // SIGPIPE is ignored, and each handled signal brings the loop round again.
     daemon->Signal(SIGPIPE);
     EXPECT_TRUE(FenRELTest::WaitFor([&] { return daemon->CountInStdout("Fenrel daemon is looping...") >= 3; },

@@ -27,7 +27,7 @@ namespace FenREL {
 //
 // Neither flag ever goes back. It also tells the apps that registered for it
 // when the physical master session goes up or down.
-class CPDomainManager : public SCConfigTableObserver, public SCL2TableObserver, public MsgSink {
+class CPDomainManager final : public SCConfigTableObserver, public SCL2TableObserver, public MsgSink {
 public:
     enum CPSessionState : uint32_t { CP_SESSION_UP = 0, CP_SESSION_DOWN = 1 };
     using SessionObserver =

@@ -13,6 +13,7 @@
 #include "GlobalLock.h"
 #include "Logger.h"
 #include "MainConfig.h"
+#include "StateCache.h"
 #include "SupportEvent.h"
 
 namespace FenREL {
@@ -78,6 +79,7 @@ void SignalHandlers::OnSupportSignal(int signum)
 void SignalHandlers::OnCacheDumpSignal(int /*signum*/)
 {
     FLOG_INFO("Fenrel received DumpCache signal, start DumpCache.");
+    StateCache::GetInstance()->DumpCache();
 }
 
 void SignalHandlers::OnSegv(int signum)
