@@ -104,13 +104,4 @@ TEST_F(TraceflowAppTest, PacketOutReachesTheDataPathAsItCame)
     }
 }
 
-TEST_F(TraceflowAppTest, OtherMessageTypesAreDropped)
-{
-    FenRELTest::LogCapture log(FenREL::LOGLEVEL_ERROR);
-    const Frame control = Control(1);
-    _traceflow->HandleMsg(control.data(), static_cast<uint32_t>(control.size()), ConnKey(kServer, 0));
-    EXPECT_NE(std::string::npos, log.Text().find("Traceflow: unknown message from controller (type 4)"));
-    EXPECT_TRUE(_dataPath.calls.empty());
-}
-
 }  // namespace
