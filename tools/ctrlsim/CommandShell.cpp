@@ -8,6 +8,7 @@
 #include "ConfigCommands.h"
 #include "ControllerSim.h"
 #include "Hex.h"
+#include "L2Commands.h"
 
 namespace CtrlSim {
 
@@ -110,6 +111,13 @@ CommandShell::CommandShell(ControllerSim& sim) : _sim(sim)
          [this](const Args& args) { return ConfigCommands::TraceflowOut(_sim, args, _output); }},
         {"traceflow-view", "traceflow-view", 0, 0,
          [this](const Args& args) { return ConfigCommands::TraceflowView(_sim, args, _output); }},
+        {"l2-push", "l2-push <vni> <mac> <ip> <vtep-ip> [del] [fragment N]", 4, 7,
+         [this](const Args& args) { return L2Commands::Push(_sim, args, _output); }},
+        {"l2-sync", "l2-sync <vni> [<mac>/<ip>/<vtep-ip>]... [fragment N]", 1, 64,
+         [this](const Args& args) { return L2Commands::Sync(_sim, args, _output); }},
+        {"l2-notify", "l2-notify <vni> [<error> <sub>]", 1, 3,
+         [this](const Args& args) { return L2Commands::Notify(_sim, args, _output); }},
+        {"l2-view", "l2-view", 0, 0, [this](const Args& args) { return L2Commands::View(_sim, args, _output); }},
         {"quit", "quit", 0, 0, [this](const Args& args) { return Quit(args); }},
     };
 }

@@ -49,12 +49,14 @@ ControllerSim::ControllerSim(Options options)
       _core(std::make_shared<CoreHandler>()),
       _config(std::make_shared<ConfigHandler>(*this)),
       _traceflow(std::make_shared<TraceflowHandler>(*this)),
+      _l2(std::make_shared<L2Handler>(*this)),
       _work(boost::asio::make_work_guard(_io)),
       _acceptor(_io)
 {
     RegisterHandler(CoreProtocolId, _core);
     RegisterHandler(ConfigHandler::ProtocolId, _config);
     RegisterHandler(TraceflowHandler::ProtocolId, _traceflow);
+    RegisterHandler(L2Handler::ProtocolId, _l2);
 }
 
 ControllerSim::~ControllerSim()

@@ -22,6 +22,7 @@
 
 #include "ConfigHandler.h"
 #include "CoreHandler.h"
+#include "L2Handler.h"
 #include "MessageHandler.h"
 #include "MessageWriter.h"
 #include "Recording.h"
@@ -82,6 +83,8 @@ public:
     // The config channel (256) and traceflow (1026), registered at construction.
     ConfigHandler& Config() { return *_config; }
     TraceflowHandler& Traceflow() { return *_traceflow; }
+    // The L2 channel (64), registered at construction.
+    L2Handler& L2() { return *_l2; }
     // A handler for every message of `protocolId`, or only for those of
     // `type`; the one for the exact type wins. Replaces an earlier one of the
     // same key. The CoreHandler is registered for protocolID 0 at construction.
@@ -161,6 +164,7 @@ private:
     std::shared_ptr<CoreHandler> _core;
     std::shared_ptr<ConfigHandler> _config;
     std::shared_ptr<TraceflowHandler> _traceflow;
+    std::shared_ptr<L2Handler> _l2;
 
     // Control: Start, Stop and the posting of actions are serialised.
     std::mutex _controlMutex;
