@@ -15,15 +15,13 @@ DataplaneMsgQueue::~DataplaneMsgQueue()
     }
 }
 
-bool DataplaneMsgQueue::Put(uint8_t* msg, bool wait)
+bool DataplaneMsgQueue::Put(uint8_t* msg)
 {
     std::unique_lock<std::mutex> lock(_mutex);
-    if (wait) {
-        ++_blockedPutters;
-        _notFull.wait(lock, [this] { return _closed || _messages.size() < _capacity; });
-        --_blockedPutters;
-    }
-    if (_closed || _messages.size() >= _capacity) {
+    ++_blockedPutters;
+    _notFull.wait(lock, [this] { return _closed || _messages.size() < _capacity; });
+    --_blockedPutters;
+    if (_closed) {
         lock.unlock();
         FLOG_ERROR("Msg Queue is full!").AddTag("errorCode:LCP00008");
         free(msg);

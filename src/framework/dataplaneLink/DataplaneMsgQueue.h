@@ -23,10 +23,10 @@ public:
     DataplaneMsgQueue(const DataplaneMsgQueue&) = delete;
     DataplaneMsgQueue& operator=(const DataplaneMsgQueue&) = delete;
 
-    // Takes ownership of `msg`. With `wait`, a full queue blocks the caller
-    // until there is room. False when the queue is closed, or full without
-    // `wait`: "Msg Queue is full!" is logged and `msg` is freed.
-    bool Put(uint8_t* msg, bool wait = true);
+    // Takes ownership of `msg`; a full queue blocks the caller until there
+    // is room. False once the queue is closed: "Msg Queue is full!" is logged
+    // and `msg` is freed.
+    bool Put(uint8_t* msg);
     // The oldest message, now the caller's; blocks while the queue is empty.
     // Null once the queue is closed.
     uint8_t* Take();
