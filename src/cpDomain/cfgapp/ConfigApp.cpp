@@ -7,6 +7,7 @@
 
 #include <boost/thread/lock_guard.hpp>
 
+#include "AppManager.h"
 #include "Assert.h"
 #include "CPDomainManager.h"
 #include "CtrlConnPool.h"
@@ -33,9 +34,7 @@ constexpr uint8_t kUpdateLeadByte = 0;
 }  // namespace
 
 ConfigApp::ConfigApp(const boost::intrusive_ptr<StateCacheConfigTable>& configTable)
-    : ExtendedApp(ZUNChannel::APP_ID_CONFIG, 0, "Config"),
-      _appManager(ZUNChannel::AppManager::Get()),
-      _configTable(configTable)
+    : ExtendedApp(ZUNChannel::APP_ID_CONFIG, 0, "Config"), _configTable(configTable)
 {
 }
 

@@ -8,7 +8,6 @@
 #include <boost/intrusive_ptr.hpp>
 #include <boost/thread/mutex.hpp>
 
-#include "AppManager.h"
 #include "CPLocalStateSink.h"
 #include "ConfigCacheRecords.h"
 #include "CtrlSession.h"
@@ -106,7 +105,6 @@ private:
                                                                   bool logStateless) const;
     bool Send(uint8_t* message);
 
-    boost::intrusive_ptr<ZUNChannel::AppManager> _appManager;
     bool _fullSyncDone = false;
     std::deque<ZunConfigDeltaMsg> _pendingDeltas;
     mutable boost::mutex _pendingMutex;  // guards _pendingDeltas
