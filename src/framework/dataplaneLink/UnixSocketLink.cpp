@@ -11,9 +11,9 @@
 #include <cstring>
 
 #include "Assert.h"
-#include "CtrlMsg.h"
 #include "GlobalLock.h"
 #include "Logger.h"
+#include "MemAlloc.h"
 #include "WorkGroup.h"
 #include "WorkItemImpl.h"
 
@@ -297,7 +297,7 @@ void UnixSocketLink::ReadMessage(const SocketPtr& socket)
         return;
     }
     const uint32_t length = _profile.receivedLength(header);
-    uint8_t* msg = ZUNChannel::CtrlMsg::AllocBuffer(length);
+    uint8_t* msg = MemAlloc::Buffer(length);
     memcpy(msg, header, _profile.headerSize);
     if (!Receive(socket, msg + _profile.headerSize, length - _profile.headerSize, false)) {
         free(msg);
