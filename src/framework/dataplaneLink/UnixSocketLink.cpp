@@ -81,12 +81,10 @@ bool UnixSocketLink::Open()
 
 void UnixSocketLink::Close()
 {
-    {
-        ZUNChannel::GlobalLockGuard global;
-        if (_timer) {
-            _timer->Stop();
-            _timer.reset();
-        }
+    ZUNChannel::GlobalLockGuard global;
+    if (_timer) {
+        _timer->Stop();
+        _timer.reset();
     }
     Disconnect();
 }
@@ -199,7 +197,6 @@ void UnixSocketLink::Connect()
 
 void UnixSocketLink::Disconnect()
 {
-    ZUNChannel::GlobalLockGuard global;
     std::lock_guard<std::recursive_mutex> lock(_lock);
     if (!_connected) {
         return;
@@ -216,7 +213,6 @@ void UnixSocketLink::Disconnect()
 
 void UnixSocketLink::DisconnectIfCurrent(const SocketPtr& socket)
 {
-    ZUNChannel::GlobalLockGuard global;
     std::lock_guard<std::recursive_mutex> lock(_lock);
     if (socket == _socket) {
         Disconnect();

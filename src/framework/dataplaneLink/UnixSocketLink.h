@@ -22,7 +22,11 @@ namespace FenREL {
 // for as long as the link lives (until Stop); the reconnect timer fires on an
 // I/O thread every five seconds. _lock (of DataplaneLink) guards _socket and
 // the connect and disconnect, and the status handler runs under it. Lock
-// order: the global lock, then _lock; Connect and Disconnect take both.
+// order: the global lock, then _lock. Open, Close and the timer's rounds take
+// both; a loop that finds the socket broken takes _lock alone, so that it can
+// report LinkDown even while another thread holds the global lock waiting for
+// room in the queue. A status handler must therefore not take the global
+// lock on LinkDown.
 //
 //   closed --Connect ok (Open, timer): LinkUp--> connected
 //   connected --read/write failure, link check false, Close: LinkDown--> closed
