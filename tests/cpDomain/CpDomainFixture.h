@@ -42,8 +42,9 @@ protected:
 
     void TearDown() override
     {
+        // The manager stays for the process: the config table keeps its local
+        // observers for good.
         FenREL::CPDomainManager::Get()->Stop();
-        FenREL::CPDomainManager::Destroy();
         ZUNChannel::Configuration::SetConnList({});
         ZUNChannel::CoreApp::Destroy();
         ZUNChannel::CtrlConnPool::Destroy();

@@ -18,7 +18,8 @@ struct MainConfigXml {
 
     int logLevel = 5;
     std::string ioThreads = "2";
-    std::string workThreads = "4";
+    // Two I/O threads and the data-path link's two loops leave four for work items.
+    std::string workThreads = "8";
     bool withApps = true;
     std::vector<AppEntry> apps;
     bool withSupport = false;

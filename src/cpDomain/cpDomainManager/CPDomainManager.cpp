@@ -63,6 +63,8 @@ void CPDomainManager::Start(const boost::intrusive_ptr<ZUNChannel::AppManager>& 
 
 void CPDomainManager::Stop()
 {
+    _sessionObservers.clear();
+    _appManager.reset();
     StateCache* cache = StateCache::GetInstance();
     cache->GetConfigTable()->UnRegisterLocalCacheObserver(this);
     cache->GetL2Table()->UnRegisterLocalObserver(this);

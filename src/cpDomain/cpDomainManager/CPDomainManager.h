@@ -37,7 +37,8 @@ public:
     static CPDomainManager* Get();
     static void Destroy();
 
-    // Registers with the state cache and the dispatcher.
+    // Registers with the state cache and the dispatcher; Stop undoes it and
+    // forgets the apps (the config table keeps its local observers for good).
     void Start(const boost::intrusive_ptr<ZUNChannel::AppManager>& appManager);
     void Stop();
 

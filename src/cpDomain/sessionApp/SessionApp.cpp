@@ -65,6 +65,11 @@ void SessionApp::Destroy()
 {
     if (s_sessionApp) {
         s_sessionApp->Stop();
+        // The session holds the app: give both up.
+        if (s_sessionApp->_session) {
+            s_sessionApp->_session->RemoveUser();
+            s_sessionApp->_session.reset();
+        }
     }
     s_sessionApp.reset();
 }

@@ -3,9 +3,12 @@
 #include <string>
 
 #include "AppManager.h"
+#include "ConfigApp.h"
+#include "L2App.h"
 #include "Logger.h"
 #include "ProductVersionProvider.h"
 #include "SessionApp.h"
+#include "TraceflowApp.h"
 
 namespace FenREL {
 
@@ -31,6 +34,16 @@ com::corvid::zun::ProductVersionMsg AgentVersion()
 // know. Each application reads the options of its own `config` subtree.
 boost::intrusive_ptr<App> CreateApp(const std::string& name, const boost::property_tree::ptree& /*config*/)
 {
+    if (name == "vxlan") {
+        return new L2App();
+    }
+    if (name == "config") {
+        ConfigApp::Init();
+        return ConfigApp::Instance();
+    }
+    if (name == "traceflow") {
+        return new TraceflowApp();
+    }
     if (name == "session") {
         SessionApp::Init(AgentVersion());
         return SessionApp::Instance();

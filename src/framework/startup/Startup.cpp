@@ -18,6 +18,7 @@
 #include "Configuration.h"
 #include "CoreApp.h"
 #include "CtrlConnPool.h"
+#include "DPPlatform.h"
 #include "IOWorker.h"
 #include "IoService.h"
 #include "Logger.h"
@@ -153,6 +154,11 @@ int Startup::Run(int argc, char** argv)
 
     ConfigManager::Init(MainConfig::FileName());
     CPDomainManager::Create()->Start(ZUNChannel::AppManager::Get());
+
+    FLOG_VERBOSE("Init platform");
+    DPPlatform::Init(MainConfig::Tree());
+    FLOG_VERBOSE("Done init platform");
+    FLOG_VERBOSE("start pigeon");
 
     ZUNChannel::AppManager::Get()->StartAll();
     LoadControllers();
