@@ -24,6 +24,9 @@ AgentHarness::AgentHarness()
 AgentHarness::~AgentHarness()
 {
     _daemon.reset();
+    if (_dataPath) {
+        _dataPath->Stop();
+    }
     for (auto& controller : _controllers) {
         controller->Stop();
     }
@@ -60,6 +63,25 @@ void AgentHarness::WriteControllerInfo(const std::string& pem)
     xml += NodeUuid();
     xml += "</UUID>\n\t</transportNode>\n</config>\n";
     _root.Write("etc/corvid/zun/controller-info.xml", xml);
+}
+
+DpSim::DataPathSim& AgentHarness::AddDataPath(bool autoFullSync)
+{
+    DpSim::DataPathSim::Options options;
+    options.path = _root.Path() + DpSim::DataPathSim::kDefaultPath;
+    options.autoFullSync = autoFullSync;
+    _dataPath = std::make_unique<DpSim::DataPathSim>(options);
+    _dataPath->Start();
+    return *_dataPath;
+}
+
+MainConfigXml AgentHarness::FullConfig()
+{
+    MainConfigXml config;
+    for (const char* name : {"session", "config", "vxlan", "traceflow"}) {
+        config.apps.push_back({name, "true", "", true});
+    }
+    return config;
 }
 
 MainConfigXml AgentHarness::SessionOnlyConfig()

@@ -8,6 +8,7 @@
 
 #include "ControllerSim.h"
 #include "DaemonProcess.h"
+#include "DataPathSim.h"
 #include "MainConfigXml.h"
 #include "SelfSignedCert.h"
 #include "TempDir.h"
@@ -38,6 +39,10 @@ public:
     // The node UUID written into controller-info.xml.
     static const char* NodeUuid() { return "5e6f7a8b-1c2d-4e3f-9a0b-0c1d2e3f4a5b"; }
 
+    // The simulated data-path agent on the daemon's default socket path.
+    DpSim::DataPathSim& AddDataPath(bool autoFullSync);
+    DpSim::DataPathSim& DataPath() { return *_dataPath; }
+
     // Writes the main configuration and starts the daemon.
     void Start(MainConfigXml config);
     DaemonProcess& Daemon() { return *_daemon; }
@@ -45,12 +50,15 @@ public:
 
     // The session app alone: enough for the channel to connect and negotiate.
     static MainConfigXml SessionOnlyConfig();
+    // Every app that the controller-to-data-path story needs.
+    static MainConfigXml FullConfig();
 
 private:
     TempDir _root;
     CtrlSim::SelfSignedCert _controllerCert;
     CtrlSim::SelfSignedCert _hostCert;
     std::vector<std::unique_ptr<CtrlSim::ControllerSim>> _controllers;
+    std::unique_ptr<DpSim::DataPathSim> _dataPath;
     std::unique_ptr<DaemonProcess> _daemon;
     std::string _mainConfig;
 };

@@ -50,6 +50,7 @@ ControllerSim::ControllerSim(Options options)
       _config(std::make_shared<ConfigHandler>(*this)),
       _traceflow(std::make_shared<TraceflowHandler>(*this)),
       _l2(std::make_shared<L2Handler>(*this)),
+      _session(std::make_shared<SessionHandler>(_options.address)),
       _work(boost::asio::make_work_guard(_io)),
       _acceptor(_io)
 {
@@ -57,6 +58,7 @@ ControllerSim::ControllerSim(Options options)
     RegisterHandler(ConfigHandler::ProtocolId, _config);
     RegisterHandler(TraceflowHandler::ProtocolId, _traceflow);
     RegisterHandler(L2Handler::ProtocolId, _l2);
+    RegisterHandler(SessionHandler::ProtocolId, _session);
 }
 
 ControllerSim::~ControllerSim()

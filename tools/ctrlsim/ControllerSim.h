@@ -26,6 +26,7 @@
 #include "MessageHandler.h"
 #include "MessageWriter.h"
 #include "Recording.h"
+#include "SessionHandler.h"
 #include "SimConnectionOwner.h"
 #include "TraceflowHandler.h"
 
@@ -85,6 +86,7 @@ public:
     TraceflowHandler& Traceflow() { return *_traceflow; }
     // The L2 channel (64), registered at construction.
     L2Handler& L2() { return *_l2; }
+    SessionHandler& Session() { return *_session; }
     // A handler for every message of `protocolId`, or only for those of
     // `type`; the one for the exact type wins. Replaces an earlier one of the
     // same key. The CoreHandler is registered for protocolID 0 at construction.
@@ -165,6 +167,7 @@ private:
     std::shared_ptr<ConfigHandler> _config;
     std::shared_ptr<TraceflowHandler> _traceflow;
     std::shared_ptr<L2Handler> _l2;
+    std::shared_ptr<SessionHandler> _session;
 
     // Control: Start, Stop and the posting of actions are serialised.
     std::mutex _controlMutex;

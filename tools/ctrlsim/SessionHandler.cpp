@@ -67,12 +67,17 @@ uint32_t SessionHandler::LastSessionId() const
     return _opens.empty() ? 0 : _opens.back().sessionId;
 }
 
-void SessionHandler::SendMaster(Peer& peer, const std::string& address)
+OutMessage SessionHandler::MasterUpdate(const std::string& address, uint32_t sessionId)
 {
     config::CcpLcpZunConfigMsg msg;
     msg.set_type(config::CcpLcpZunConfigMsg::MASTER_CONTROLLER);
     msg.mutable_master_controller()->mutable_ip()->set_ipv4(HostOrder(address));
-    peer.Send(Update(msg, LastSessionId()));
+    return Update(msg, sessionId);
+}
+
+void SessionHandler::SendMaster(Peer& peer, const std::string& address)
+{
+    peer.Send(MasterUpdate(address, LastSessionId()));
 }
 
 void SessionHandler::SendSharding(Peer& peer)

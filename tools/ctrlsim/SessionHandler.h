@@ -51,6 +51,9 @@ public:
     // The session id of the host's last Open; 0 before one.
     uint32_t LastSessionId() const;
 
+    // A MASTER_CONTROLLER update naming `address`, for ControllerSim::SendMessage.
+    static OutMessage MasterUpdate(const std::string& address, uint32_t sessionId);
+
     // Sends MASTER_CONTROLLER naming `address`, and the sharding assignment
     // when one is set, on `peer`.
     void SendMaster(Peer& peer, const std::string& address);
