@@ -5,6 +5,7 @@
 #include "Assert.h"
 #include "CtrlConnPool.h"
 #include "CtrlMsg.h"
+#include "Logger.h"
 #include "ShardingElemID.h"
 
 namespace ZUNChannel {
@@ -91,6 +92,29 @@ bool CtrlSession::SendMsg(uint8_t* message, bool stamp)
         CtrlMsg::StampSessionId(message, _sessionID);
     }
     return CtrlConnPool::Get()->SendMsg(_key, message);
+}
+
+bool CtrlSession::SendOrReset(const boost::intrusive_ptr<CtrlSession>& session, uint8_t* message,
+                              const std::string& appName, const char* errorCode)
+{
+    if (!session || !session->IsReady()) {
+        free(message);
+        FLOG_ERROR("%1: Session is not ready", appName).AddTag(std::string("errorCode:") + errorCode);
+        return false;
+    }
+    if (!session->SendMsg(message, true)) {
+        session->Reset();
+        return false;
+    }
+    return true;
+}
+
+std::string CtrlSession::ToString(const boost::intrusive_ptr<CtrlSession>& session)
+{
+    if (!session) {
+        return "NULL";
+    }
+    return "session(" + std::to_string(session->GetSessionID()) + " " + session->GetKey().ToString() + ")";
 }
 
 void CtrlSession::Reset()

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <list>
+#include <string>
 
 #include <boost/intrusive_ptr.hpp>
 
@@ -39,6 +40,14 @@ public:
     // Frees the message and fails when the session is not ready. With `stamp`
     // the header carries this session's id.
     bool SendMsg(uint8_t* message, bool stamp);
+    // The rule of the apps on the physical master session: with a ready
+    // session, send stamped and reset the connection when that fails;
+    // without one, free the message and log "<app>: Session is not ready"
+    // with the app's error code.
+    static bool SendOrReset(const boost::intrusive_ptr<CtrlSession>& session, uint8_t* message,
+                            const std::string& appName, const char* errorCode);
+    // "session(<id> <address>:<instance>)", or "NULL" for no session.
+    static std::string ToString(const boost::intrusive_ptr<CtrlSession>& session);
     void Reset();
 
     bool IsReady() const { return _ready; }

@@ -79,14 +79,6 @@ size_t ConfigApp::GetPendingDeltaCount() const
     return _pendingDeltas.size();
 }
 
-std::string ConfigApp::SessionText(const boost::intrusive_ptr<ZUNChannel::CtrlSession>& session)
-{
-    if (!session) {
-        return "NULL";
-    }
-    return "session(" + std::to_string(session->GetSessionID()) + " " + session->GetKey().ToString() + ")";
-}
-
 std::string ConfigApp::CurrentConnText() const
 {
     return _session ? _session->GetKey().ToString() : std::string("NULL");
@@ -104,7 +96,7 @@ void ConfigApp::ProcessSessionStatus(const boost::intrusive_ptr<ZUNChannel::Ctrl
         return;
     }
     const bool up = state == CPDomainManager::CP_SESSION_UP;
-    FLOG_INFO("%1: received session %2 from controller %3", _name, up ? "UP" : "DOWN", SessionText(session));
+    FLOG_INFO("%1: received session %2 from controller %3", _name, up ? "UP" : "DOWN", ZUNChannel::CtrlSession::ToString(session));
     if (up) {
         _session = session;
         SendFullSync();
@@ -181,12 +173,12 @@ void ConfigApp::SendFullSync()
             FLOG_INFO("%1: VIF full sync message sent to ccp", _name);
         }
     }
-    FLOG_VERBOSE("%1: Sending full sync end message to %2", _name, SessionText(_session));
+    FLOG_VERBOSE("%1: Sending full sync end message to %2", _name, ZUNChannel::CtrlSession::ToString(_session));
     // An empty ConfigSessionMsg serialises to nothing: the message ends at the control type.
     uint8_t* end = CtrlMsg::New(CtrlMsg::kTypeSessionControl, _id, 1);
     end[CtrlMsg::kHeaderSize] = kControlFullSyncEnd;
     if (!Send(end)) {
-        FLOG_ERROR("%1: fail to send Session Control FullSync message to %2", _name, SessionText(_session))
+        FLOG_ERROR("%1: fail to send Session Control FullSync message to %2", _name, ZUNChannel::CtrlSession::ToString(_session))
             .AddTag("errorCode:LCP00501");
     }
 }
@@ -328,16 +320,7 @@ bool ConfigApp::SendMsg(uint8_t* message)
 
 bool ConfigApp::Send(uint8_t* message)
 {
-    if (!SessionReady()) {
-        free(message);
-        FLOG_ERROR("%1: Session is not ready", _name).AddTag("errorCode:LCP00503");
-        return false;
-    }
-    if (!_session->SendMsg(message, true)) {
-        _session->Reset();
-        return false;
-    }
-    return true;
+    return ZUNChannel::CtrlSession::SendOrReset(_session, message, _name, "LCP00503");
 }
 
 }  // namespace FenREL

@@ -98,8 +98,6 @@ private:
     bool SessionReady() const { return _session && _session->IsReady(); }
     // Our session's connection, or "NULL".
     std::string CurrentConnText() const;
-    // "session(<id> <address>:<instance>)" of `session`, or "NULL".
-    static std::string SessionText(const boost::intrusive_ptr<ZUNChannel::CtrlSession>& session);
     void LocalVifs(LocalStateUpdateList& vifs) const;
     com::corvid::zun::config::CcpLcpZunConfigMsg BuildEntityState(const LocalStateUpdateList& updates,
                                                                   bool logStateless) const;

@@ -106,14 +106,6 @@ void SessionApp::CancelTimer()
     }
 }
 
-std::string SessionApp::SessionText() const
-{
-    if (!_session) {
-        return "NULL";
-    }
-    return "session(" + std::to_string(_session->GetSessionID()) + " " + _session->GetKey().ToString() + ")";
-}
-
 void SessionApp::UpdateTable(int32_t state)
 {
     if (_remoteSessionTable != nullptr) {
@@ -303,17 +295,8 @@ bool SessionApp::SendControl(ControlType type)
     uint8_t* message = CtrlMsg::New(CtrlMsg::kTypeSessionControl, _id, size + 1);
     message[kControlTypeOffset] = type;
     body.SerializeToArray(message + kPayloadOffset, static_cast<int>(size));
-    FLOG_INFO("%1: send session control(%2) message via %3", _name, ControlText(type), SessionText());
-    if (!_session || !_session->IsReady()) {
-        free(message);
-        FLOG_ERROR("%1: Session is not ready", _name).AddTag("errorCode:LCP00604");
-        return false;
-    }
-    if (!_session->SendMsg(message, true)) {
-        _session->Reset();
-        return false;
-    }
-    return true;
+    FLOG_INFO("%1: send session control(%2) message via %3", _name, ControlText(type), ZUNChannel::CtrlSession::ToString(_session));
+    return ZUNChannel::CtrlSession::SendOrReset(_session, message, _name, "LCP00604");
 }
 
 void SessionApp::HandleMsg(const uint8_t* message, uint32_t size, const ConnKey& key)

@@ -92,7 +92,6 @@ private:
     void UpdateTable(int32_t state);
     void ReportToDomain(bool down);
     void CancelTimer();
-    std::string SessionText() const;
 
     std::vector<ZUNChannel::ConnKey> _controllerList;
     uint32_t _masterIndex = kNoIndex;

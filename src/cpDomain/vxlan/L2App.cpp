@@ -149,16 +149,7 @@ void L2App::ProcessSessionStatus(const boost::intrusive_ptr<CtrlSession>& sessio
 
 bool L2App::Send(uint8_t* message)
 {
-    if (!_session || !_session->IsReady()) {
-        free(message);
-        FLOG_ERROR("%1: Session is not ready", _name).AddTag("errorCode:LCP00405");
-        return false;
-    }
-    if (!_session->SendMsg(message, true)) {
-        _session->Reset();
-        return false;
-    }
-    return true;
+    return ZUNChannel::CtrlSession::SendOrReset(_session, message, _name, "LCP00405");
 }
 
 void L2App::SendLocalFullSync()
