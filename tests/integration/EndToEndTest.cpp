@@ -15,6 +15,17 @@
 // The whole story on loopback: controllers, the real daemon and the data
 // path. The order of the start-up handshake is what the two simulators
 // recorded.
+#if defined(__SANITIZE_ADDRESS__)
+#define FENREL_UNDER_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define FENREL_UNDER_ASAN 1
+#endif
+#endif
+#ifndef FENREL_UNDER_ASAN
+#define FENREL_UNDER_ASAN 0
+#endif
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -340,7 +351,13 @@ TEST_F(EndToEndTest, HundredSessionFlapsLeaveTheDataPathInStepAndNoLeftovers)
     EXPECT_EQ(kVni, vni->ls_vni().vni());
     EXPECT_TRUE(_agent.Daemon().IsRunning());
     EXPECT_LE(OpenFds(pid), fdsBefore + 2);
+#if !FENREL_UNDER_ASAN
+    // Under AddressSanitizer freed memory waits in quarantine; there its
+    // leak check stands in for this bound.
     EXPECT_LE(RssKb(pid), rssBefore + 8 * 1024);
+#else
+    (void)rssBefore;
+#endif
 }
 
 }  // namespace
