@@ -1,0 +1,210 @@
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "AsyncTimer.h"
+#include "Configuration.h"
+#include "GlobalLock.h"
+#include "IoService.h"
+#include "LogCapture.h"
+#include "RefCounter.h"
+#include "Uuid.h"
+#include "WaitFor.h"
+#include "WorkGroup.h"
+#include "WorkItemImpl.h"
+
+namespace {
+
+using namespace ZUNChannel;
+using namespace std::chrono_literals;
+
+// Counts its callbacks and its own destruction.
+class Owner : public RefCounter<Owner> {
+public:
+    explicit Owner(std::atomic<int>* destroyed = nullptr) : _destroyed(destroyed) {}
+    ~Owner() override
+    {
+        if (_destroyed != nullptr) {
+            ++*_destroyed;
+        }
+    }
+    void Fire() { ++fired; }
+    void FireWith(int64_t arg) { lastArg = arg; }
+
+    std::atomic<int> fired{0};
+    int64_t lastArg = 0;
+
+private:
+    std::atomic<int>* _destroyed;
+};
+
+// Runs the I/O service on this thread until `condition` holds or time is up.
+bool RunUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
+{
+    boost::asio::io_context* service = IoService::Get();
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition() && std::chrono::steady_clock::now() < deadline) {
+        service->run_for(10ms);
+        service->restart();
+    }
+    return condition();
+}
+
+class AsyncTimerTest : public testing::Test {
+protected:
+    void TearDown() override
+    {
+        IoService::Get()->poll();
+        IoService::Get()->restart();
+    }
+};
+
+TEST_F(AsyncTimerTest, StartedTwiceWaitsOnceAndCallsWithItsArgument)
+{
+    boost::intrusive_ptr<Owner> owner(new Owner());
+    auto timer = AsyncTimer<Owner>::Create(owner.get(), &Owner::Fire);
+    timer->Start(20000);
+    timer->Start(20000);
+    ASSERT_TRUE(RunUntil([&] { return owner->fired > 0; }, 2s));
+    // Give a second wait, had there been one, the time to fire too.
+    RunUntil([] { return false; }, 100ms);
+    EXPECT_EQ(1, owner->fired);
+    EXPECT_FALSE(timer->IsPending());
+
+    auto withArg = AsyncTimer<Owner>::Create(owner.get(), &Owner::FireWith, 77);
+    withArg->Start(0);
+    ASSERT_TRUE(RunUntil([&] { return owner->lastArg == 77; }, 2s));
+    EXPECT_EQ(1, owner->fired);
+}
+
+TEST_F(AsyncTimerTest, CancelledTimerNeverCallsBackEvenWithItsExpiryQueued)
+{
+    boost::intrusive_ptr<Owner> owner(new Owner());
+    auto timer = AsyncTimer<Owner>::Create(owner.get(), &Owner::Fire);
+    std::future<void> io;
+    {
+        GlobalLockGuard lock;
+        timer->Start(0);
+        // The expiry completes on another thread and waits for the lock we hold.
+        io = std::async(std::launch::async, [] { RunUntil([] { return false; }, 300ms); });
+        std::this_thread::sleep_for(100ms);
+        timer->Cancel();
+    }
+    io.wait();
+    EXPECT_EQ(0, owner->fired);
+}
+
+TEST_F(AsyncTimerTest, ArmedTimerKeepsItsOwnerAliveUnlessWeak)
+{
+    std::atomic<int> destroyed{0};
+    std::shared_ptr<AsyncTimer<Owner>> timer;
+    {
+        boost::intrusive_ptr<Owner> owner(new Owner(&destroyed));
+        timer = AsyncTimer<Owner>::Create(owner.get(), &Owner::Fire);
+    }
+    EXPECT_EQ(0, destroyed);
+    timer.reset();
+    EXPECT_EQ(1, destroyed);
+
+    Owner* raw = new Owner(&destroyed);
+    boost::intrusive_ptr<Owner> weakOwner(raw);
+    auto weak = AsyncTimer<Owner>::Create(raw, &Owner::Fire, AsyncTimer<Owner>::OwnerRef::Weak);
+    weak->Start(0);
+    weak->Stop();  // what the owner's destructor does
+    weakOwner.reset();
+    EXPECT_EQ(2, destroyed);
+    RunUntil([] { return false; }, 50ms);
+}
+
+TEST(RefCounterDeathTest, ReleaseOfAnUnheldObjectPanics)
+{
+    EXPECT_DEATH(
+        {
+            Owner owner;
+            intrusive_ptr_release(&owner);
+        },
+        "Panic: ASSERT src/zunChannel/RefCounter.h:");
+}
+
+TEST(WorkItemTest, QueuedItemKeepsItsObjectAlive)
+{
+    std::atomic<int> destroyed{0};
+    Owner* raw = nullptr;
+    std::shared_ptr<WorkItem> item;
+    {
+        boost::intrusive_ptr<Owner> owner(new Owner(&destroyed));
+        raw = owner.get();
+        item = std::make_shared<WorkItemImpl<Owner>>(owner, &Owner::Fire);
+    }
+    EXPECT_EQ(0, destroyed);
+    item->Run();
+    EXPECT_EQ(1, raw->fired);
+    item.reset();
+    EXPECT_EQ(1, destroyed);
+}
+
+// A work item that counts its runs.
+class Counter : public WorkItem {
+public:
+    explicit Counter(std::atomic<int>& runs) : _runs(runs) {}
+    void Run() override { ++_runs; }
+
+private:
+    std::atomic<int>& _runs;
+};
+
+TEST(WorkGroupTest, ThreadsServeTheQueueAndStopFinishesIt)
+{
+    std::atomic<int> runs{0};
+    WorkGroup group;
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_TRUE(group.Post(std::make_shared<Counter>(runs)));
+    }
+    group.Start(3);
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_TRUE(group.Post(std::make_shared<Counter>(runs)));
+    }
+    group.Stop();
+    EXPECT_EQ(100, runs);
+}
+
+TEST(GlobalLockTest, AvailableToItsHolderButNotToOthers)
+{
+    EXPECT_TRUE(IsLockAvailable());
+    GlobalLockGuard lock;
+    EXPECT_TRUE(IsLockAvailable());
+    EXPECT_FALSE(std::async(std::launch::async, [] { return IsLockAvailable(); }).get());
+}
+
+TEST(ConfigurationDeathTest, ThreadCountsBelowOnePanic)
+{
+    EXPECT_DEATH(Configuration::SetThreads(0, 4), "Panic: ASSERT src/zunChannel/Configuration.cpp:");
+    EXPECT_DEATH(Configuration::SetThreads(2, 0), "Panic: ASSERT src/zunChannel/Configuration.cpp:");
+}
+
+TEST(UuidTest, TextFormsFromBytesAndHalves)
+{
+    const UUID uuid = UUID::FromHalves(0x0011223344556677ULL, 0x8899aabbccddeeffULL);
+    EXPECT_EQ("00112233-4455-6677-8899-aabbccddeeff", uuid.ToString());
+    EXPECT_EQ("00112233445566778899aabbccddeeff", uuid.ToStringNoDash());
+    EXPECT_EQ(0x0011223344556677ULL, uuid.GetLeft());
+    EXPECT_EQ(0x8899aabbccddeeffULL, uuid.GetRight());
+
+    UUID parsed;
+    ASSERT_TRUE(UUID::FromString("00112233-4455-6677-8899-AABBCCDDEEFF", parsed));
+    EXPECT_EQ(uuid, parsed);
+    EXPECT_EQ(uuid, UUID::FromBytes(uuid.GetBytes().data()));
+
+    FenRELTest::LogCapture log;
+    UUID untouched = uuid;
+    EXPECT_FALSE(UUID::FromString("not-a-uuid", untouched));
+    EXPECT_EQ(uuid, untouched);
+    EXPECT_NE(std::string::npos, log.Text().find("UUID FromString failed, error: "));
+}
+
+}  // namespace
