@@ -98,6 +98,8 @@ CommandShell::CommandShell(ControllerSim& sim) : _sim(sim)
         {"raw", "raw <hex> [conn]", 1, 2, [this](const Args& args) { return Raw(args); }},
         {"close", "close [conn]", 0, 1, [this](const Args& args) { return Close(args); }},
         {"accept", "accept on|refuse|off", 1, 1, [this](const Args& args) { return Accept(args); }},
+        {"master", "master <address> [conn]   (MASTER_CONTROLLER naming <address>, in the host's last session)", 1, 2,
+         [this](const Args& args) { return Master(args); }},
         {"status", "status", 0, 0, [this](const Args& args) { return Status(args); }},
         {"config-push", "config-push <file of CcpLcpZunConfigMsg text|hex payload>", 1, 1,
          [this](const Args& args) { return ConfigCommands::Push(_sim, args, _output); }},
@@ -351,6 +353,15 @@ std::string CommandShell::Accept(const Args& args)
         return "expected on, refuse or off";
     }
     return "";
+}
+
+std::string CommandShell::Master(const Args& args)
+{
+    if (!L2Handler::ParseIp(args[0])) {
+        return "bad address " + args[0];
+    }
+    const OutMessage msg = SessionHandler::MasterUpdate(args[0], _sim.Session().LastSessionId());
+    return OnConnection(args, 1, [&](std::optional<size_t> connection) { return _sim.SendMessage(msg, connection); });
 }
 
 std::string CommandShell::Status(const Args&)

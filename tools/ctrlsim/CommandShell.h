@@ -54,6 +54,8 @@ private:
     std::string Raw(const Args& args);
     std::string Close(const Args& args);
     std::string Accept(const Args& args);
+    // Moves the host's session: the controller it names is the master now.
+    std::string Master(const Args& args);
     std::string Status(const Args& args);
     std::string Quit(const Args& args);
 
