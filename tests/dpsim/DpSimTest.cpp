@@ -153,6 +153,26 @@ TEST(L2ViewTest, ItemsComeAndGoAndLeavingAVniTakesItsItems)
     EXPECT_NE("", local.LeaveVni(5001, msg));
 }
 
+TEST(L2ViewTest, DescribeListsTheFirstItemsOfEachTypeReadably)
+{
+    L2View view;
+    l2::L2UpdateMsg msg;
+    l2::L2MappingUpdateMsg* macs = msg.add_mapping_update();
+    macs->set_type(l2::L2MappingUpdateMsg::VM_MAC);
+    macs->mutable_vn_instance()->set_vni(5001);
+    for (uint64_t i = 0; i < 10; ++i) {
+        l2::L2UpdateMappingItemMsg* item = macs->add_items();
+        item->mutable_vm_mac()->mutable_vm_mac()->set_mac(0x005056AA0000 + i);
+        item->mutable_vm_mac()->mutable_vtep_ip()->set_ipv4(0xC0A80002);
+    }
+    view.Apply(msg);
+    const std::string text = view.Describe();
+    EXPECT_NE(std::string::npos, text.find("vni 5001 switch 0 type2=10\n")) << text;
+    EXPECT_NE(std::string::npos, text.find("  VM_MAC 00:50:56:aa:00:00 at 192.168.0.2\n")) << text;
+    EXPECT_EQ(std::string::npos, text.find("00:50:56:aa:00:08")) << text;
+    EXPECT_NE(std::string::npos, text.find("  ... 2 more\n")) << text;
+}
+
 TEST(LocalStateTest, ANewVifIsCreatedBeforeItsStatesAndTheFullSyncHoldsAll)
 {
     LocalState local;

@@ -66,13 +66,14 @@ std::string ConfigView::Describe() const
 {
     std::string text;
     for (const auto& [key, entity] : _entities) {
-        text += "entity " + key + " type " + std::to_string(entity.type) + " properties [";
-        const char* separator = "";
+        text += "entity " + key + " " +
+                (config::EntityType_IsValid(entity.type)
+                     ? config::EntityType_Name(static_cast<config::EntityType>(entity.type))
+                     : "type " + std::to_string(entity.type));
         for (const auto& property : entity.properties) {
-            text += separator + std::to_string(property.first);
-            separator = ", ";
+            text += " {" + property.second.ShortDebugString() + "}";
         }
-        text += "]\n";
+        text += "\n";
     }
     return text;
 }

@@ -32,7 +32,7 @@ public:
     const Entity* FindEntity(const com::corvid::zun::UuidMsg& id) const;
     std::optional<com::corvid::zun::config::EntityPropertyMsg> GetProperty(const com::corvid::zun::UuidMsg& id,
                                                                           int32_t propertyType) const;
-    // One line per entity: "entity <left>:<right> type T properties [P, ...]".
+    // One line per entity: "entity <left>:<right> LOG_SWITCH {<property>} ...".
     std::string Describe() const;
 
 private:

@@ -60,7 +60,12 @@ std::string DataPathView::Describe() const
     text += _config.Describe();
     text += _l2.Describe();
     for (const auto& [key, session] : _sessions) {
-        text += "session " + session.ShortDebugString() + "\n";
+        text += "session " + CcpSessionStateMsg::SessionType_Name(session.session_type());
+        if (key.second != 0 || session.session_type() != CcpSessionStateMsg::CONFIG_SESSION) {
+            text += " " + std::to_string(key.second);
+        }
+        text += " " + CcpSessionStateMsg::SessionState_Name(session.session_state()) + " controller " +
+                L2View::Ipv4Text(session.controller_ip().ip().ipv4()) + "\n";
     }
     return text;
 }

@@ -1,8 +1,55 @@
 #include "L2View.h"
 
+#include <cstdio>
+
 namespace DpSim {
 
 namespace l2 = com::corvid::zun::l2;
+
+namespace {
+
+// At most this many items of a type are listed one by one.
+constexpr size_t kListedItems = 8;
+
+// "VM_MAC 00:50:56:aa:00:01 at 192.168.0.2", from an item's key.
+std::string ItemText(int32_t type, const std::string& key)
+{
+    L2View::L2UpdateMappingItemMsg item;
+    item.ParseFromString(key);
+    const std::string name = l2::L2MappingUpdateMsg::Type_IsValid(type)
+                                 ? l2::L2MappingUpdateMsg::Type_Name(static_cast<l2::L2MappingUpdateMsg::Type>(type))
+                                 : "type" + std::to_string(type);
+    if (item.has_vm_mac()) {
+        return name + " " + L2View::MacText(item.vm_mac().vm_mac().mac()) + " at " +
+               L2View::Ipv4Text(item.vm_mac().vtep_ip().ipv4());
+    }
+    if (item.has_vm_ip()) {
+        return name + " " + L2View::Ipv4Text(item.vm_ip().vm_ip().ipv4()) + " is " +
+               L2View::MacText(item.vm_ip().vm_mac().mac());
+    }
+    if (item.has_vtep()) {
+        return name + " " + L2View::Ipv4Text(item.vtep().vtep_ip().ipv4());
+    }
+    return name + " " + item.ShortDebugString();
+}
+
+}  // namespace
+
+std::string L2View::MacText(uint64_t mac)
+{
+    char text[18];
+    snprintf(text, sizeof(text), "%02x:%02x:%02x:%02x:%02x:%02x", static_cast<unsigned>(mac >> 40 & 0xFF),
+             static_cast<unsigned>(mac >> 32 & 0xFF), static_cast<unsigned>(mac >> 24 & 0xFF),
+             static_cast<unsigned>(mac >> 16 & 0xFF), static_cast<unsigned>(mac >> 8 & 0xFF),
+             static_cast<unsigned>(mac & 0xFF));
+    return text;
+}
+
+std::string L2View::Ipv4Text(uint32_t ip)
+{
+    return std::to_string(ip >> 24) + "." + std::to_string(ip >> 16 & 0xFF) + "." + std::to_string(ip >> 8 & 0xFF) +
+           "." + std::to_string(ip & 0xFF);
+}
 
 std::string L2View::ItemKey(const L2UpdateMappingItemMsg& item)
 {
@@ -130,6 +177,16 @@ std::string L2View::Describe() const
             text += " type" + std::to_string(type) + "=" + std::to_string(items.size());
         }
         text += "\n";
+        for (const auto& [type, items] : entry.items) {
+            size_t listed = 0;
+            for (const std::string& key : items) {
+                if (listed++ == kListedItems) {
+                    text += "  ... " + std::to_string(items.size() - kListedItems) + " more\n";
+                    break;
+                }
+                text += "  " + ItemText(type, key) + "\n";
+            }
+        }
     }
     for (const auto& [domain, vteps] : _routingDomains) {
         com::corvid::zun::UuidMsg id;

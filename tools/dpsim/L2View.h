@@ -33,11 +33,15 @@ public:
     // Everything as one message of ADDs: per VNI a mapping without a type,
     // then one per type; per routing domain one update.
     L2UpdateMsg ToFullMessage() const;
-    // One line per VNI and routing domain.
+    // One line per VNI and routing domain; under each VNI its first few
+    // items of each type, one per line.
     std::string Describe() const;
 
     // The identity of an item: its bytes without the operation.
     static std::string ItemKey(const L2UpdateMappingItemMsg& item);
+    // "00:50:56:00:00:01"; dotted IPv4 of a host-order address.
+    static std::string MacText(uint64_t mac);
+    static std::string Ipv4Text(uint32_t ip);
 
 private:
     struct Vni {
