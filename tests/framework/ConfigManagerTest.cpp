@@ -507,27 +507,9 @@ TEST_F(ConfigManagerTest, EmptyListRemovesEveryControllerDespiteItsLogLine)
     EXPECT_NE(std::string::npos, ControllerFileText().find(kNodeUuid));
 }
 
-TEST_F(ConfigManagerTest, DispatchCallsEveryHandlerOfTheType)
+// A failed parse must not leave its reason for the next TLS call on the thread.
+TEST(ConfigManagerPemTest, FailedConversionsLeaveNoErrorBehind)
 {
-    ConfigManager& manager = StartWithoutFile();
-    std::vector<std::string> calls;
-    for (const uint16_t appId : {256, 257, 258}) {
-        manager.RegisterConfigUpdate(appId, appId == 258 ? 3 : 1, [&calls, appId](const auto& update) {
-            calls.push_back(std::to_string(appId) + ":" + update.data);
-            return appId != 256;
-        });
-    }
-    EXPECT_FALSE(manager.DispatchConfigUpdate({ConfigManager::CFG_TYPE_CONTROLLER_INFO, "x"}));
-    EXPECT_EQ((std::vector<std::string>{"256:x", "257:x"}), calls);
-    EXPECT_TRUE(manager.DispatchConfigUpdate({2, ""}));
-    EXPECT_EQ(2u, calls.size());
-}
-
-TEST(ConfigManagerPemTest, RoundTripsAndLeavesNoErrorBehind)
-{
-    X509* cert = ConfigManager::PemToX509(kCertA);
-    EXPECT_EQ(kCertA, PemOf(cert));
-    X509_free(cert);
     ERR_clear_error();
     for (const std::string& bad : {std::string(), std::string("garbage"), kCertA.substr(0, 100)}) {
         EXPECT_EQ(nullptr, ConfigManager::PemToX509(bad));
