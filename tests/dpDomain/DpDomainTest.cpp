@@ -264,21 +264,24 @@ protected:
 TEST_F(DpDomainTest, ControlPlaneFullSyncWaitsForTheFirstConfigurationAndDeltasFollow)
 {
     AddRemoteEntity(1, config::LOG_SWITCH, 5001);
-    AddRemoteVtep(5001, 0x0A000001);
     SetRemoteSession(RemoteSessionUpdate::CONFIG_SESSION, 0, RemoteSessionUpdate::STATE_UP, "10.1.2.3");
-    SetRemoteSession(RemoteSessionUpdate::L3_SESSION, 77, RemoteSessionUpdate::STATE_UP, "");
     StartBoth();
     AddRemoteEntity(3, config::LOG_SWITCH, 5003);
+    AddRemoteVtep(5001, 0x0A000001);
+    SetRemoteSession(RemoteSessionUpdate::L3_SESSION, 77, RemoteSessionUpdate::STATE_UP, "");
 
     // The link came up before the first configuration: nothing went yet, and
     // the full sync is then the first message on the link.
     FenREL::CPDomainManager::Get()->CPDomainInitFullSyncDone();
-    const auto fullSync = _sim->WaitForMessage(DataPathSim::IsFullSync(), 5s);
-    ASSERT_TRUE(fullSync) << _sim->Summary();
-    EXPECT_EQ(0u, fullSync->index);
-    EXPECT_EQ(1, fullSync->headerType);
-    EXPECT_EQ(0, fullSync->flags);
-    EXPECT_TRUE(fullSync->msg.atomic_update_end());
+    ASSERT_TRUE(_sim->WaitForMessageCount(1, 5s)) << _sim->Summary();
+    const DpSim::ReceivedMessage fullSync = _sim->Messages()[0];
+    EXPECT_EQ(1, fullSync.headerType);
+    EXPECT_EQ(0, fullSync.flags);
+    EXPECT_TRUE(fullSync.msg.atomic_update_end());
+    // Both switches, each as an entity and its property; both sessions; the L2 state.
+    EXPECT_EQ(4, fullSync.msg.remote_config_update_size());
+    EXPECT_EQ(2, fullSync.msg.session_state_size());
+    EXPECT_TRUE(fullSync.msg.has_l2_update());
     const auto view = _sim->View();
     EXPECT_EQ(5001u, view.Config().GetProperty(Uuid(1), config::EntityPropertyMsg::LS_VNI)->ls_vni().vni());
     EXPECT_EQ(5003u, view.Config().GetProperty(Uuid(3), config::EntityPropertyMsg::LS_VNI)->ls_vni().vni());
