@@ -82,8 +82,6 @@ public:
     // A controller session as the data path is told of it.
     static CcpSessionStateMsg ToSessionStateMsg(const RemoteSessionUpdate& update);
 
-    bool IsCPInitFullSyncDone() const { return _cpInitFullSyncDone; }
-
 private:
     explicit DPDomainManager(DPAdapter* adapter);
     void Register();

@@ -65,7 +65,6 @@ public:
     const std::string& GetPath() const { return _path; }
     bool IsGw() const { return _isGw; }
     ZunaDPLink* GetLink() const { return _link.get(); }
-    bool IsCPFullSyncDone() const { return _cpFullSyncDone; }
     bool IsDPFullSyncDone() const { return _dpFullSyncDone; }
     bool IsDPInitFullSyncDone() const { return _dpInitFullSyncDone; }
 

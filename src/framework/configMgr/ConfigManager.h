@@ -111,10 +111,6 @@ public:
     std::vector<KelConnConfig> GetConnections() const;
     bool GotControllerInfo() const;
 
-    const std::string& GetConfigFile() const { return _configFile; }
-    const std::string& GetConfigDir() const { return _configDir; }
-    const std::string& GetHostPrivateKeyFile() const { return _hostPrivateKeyFile; }
-    const std::string& GetHostCertificateFile() const { return _hostCertificateFile; }
     // "CFG_TYPE_CONTROLLER_INFO : 1"; an unknown type has the name "UNKNOWN".
     std::string CfgTypeText(int32_t cfgType) const;
 
