@@ -104,6 +104,12 @@ public:
                 } else if (error) {
                     FLOG_WARNING("socket async connect callback failed. Error code: %1, %2", error.value(),
                                  error.message());
+                } else {
+                    // Frames go out as they are written: with Nagle's algorithm a
+                    // second small message (FullSync End after the VIF state) waits
+                    // some 40 ms for the controller's delayed acknowledgement.
+                    boost::system::error_code ignored;
+                    self->_socket.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
                 }
                 ((*owner).*(self->_callbacks.onConnect))(error);
             });
