@@ -166,6 +166,10 @@ void ControllerSim::OnAccept(const boost::system::error_code& error, boost::asio
     const SteadyTime now = std::chrono::steady_clock::now();
     const size_t index = _nextIndex++;
     boost::system::error_code ignored;
+    // Answers go out at once: with Nagle's algorithm a second small message
+    // (the master controller after the Open ACK) waits for the agent's
+    // delayed acknowledgement, some 40 ms.
+    socket.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
     const auto remote = socket.remote_endpoint(ignored);
     const std::string from = remote.address().to_string() + ":" + std::to_string(remote.port());
     ConnectionRecord record;
