@@ -1,6 +1,6 @@
 #include <arpa/inet.h>
 
-#include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -10,16 +10,17 @@
 #include "CtrlConnEvent.h"
 #include "CtrlMsg.h"
 #include "LogCapture.h"
-#include "RemoteSessionUpdate.h"
 #include "SessionApp.h"
-#include "StateCacheRemoteSessionTable.h"
 #include "ccp_lcp_config.pb.h"
 
 namespace {
 
 using namespace ZUNChannel;
+using FenREL::RemoteSessionUpdate;
 using FenREL::SessionApp;
 using FenRELTest::Frame;
+using FenRELTest::Contains;
+using FenRELTest::Message;
 namespace config = com::corvid::zun::config;
 
 uint32_t Ip(const std::string& dotted)
@@ -29,20 +30,12 @@ uint32_t Ip(const std::string& dotted)
 
 Frame Control(uint8_t type, uint32_t sessionId)
 {
-    Frame frame(16, 0);
-    CtrlMsg::WriteHeader(frame.data(), 0, sessionId, CtrlMsg::kTypeSessionControl, 16, APP_ID_SESSION);
-    frame[15] = type;
-    return frame;
+    return Message(CtrlMsg::kTypeSessionControl, APP_ID_SESSION, sessionId, std::string(1, static_cast<char>(type)));
 }
 
 Frame Update(const config::CcpLcpZunConfigMsg& msg)
 {
-    const std::string body = msg.SerializeAsString();
-    Frame frame(16 + body.size(), 0);
-    CtrlMsg::WriteHeader(frame.data(), 0, 0xFFFFFFFF, CtrlMsg::kTypeData, static_cast<uint16_t>(frame.size()),
-                         APP_ID_SESSION);
-    memcpy(frame.data() + 16, body.data(), body.size());
-    return frame;
+    return Message(CtrlMsg::kTypeData, APP_ID_SESSION, 0xFFFFFFFF, '\0' + msg.SerializeAsString());
 }
 
 config::CcpLcpZunConfigMsg Master(const std::string& ip)
@@ -53,6 +46,8 @@ config::CcpLcpZunConfigMsg Master(const std::string& ip)
     return msg;
 }
 
+// The session app over the domain manager; `reports` hears the physical
+// master session go up and down as the other apps do.
 class SessionAppTest : public FenRELTest::CpDomainFixture {
 protected:
     void SetUp() override
@@ -60,7 +55,6 @@ protected:
         CpDomainFixture::SetUp();
         com::corvid::zun::ProductVersionMsg version;
         version.set_major(4);
-        version.set_minor(2);
         version.set_suffix("demo");
         SessionApp::Init(version);
         _app = SessionApp::Instance();
@@ -78,6 +72,7 @@ protected:
     }
 
     std::string Server() const { return _app->GetSession() ? _app->GetSession()->GetKey().server : ""; }
+    uint32_t Id() const { return _app->GetSession()->GetSessionID(); }
 
     void Ready(const std::string& server)
     {
@@ -90,110 +85,80 @@ protected:
         _app->HandleMsg(frame.data(), static_cast<uint32_t>(frame.size()), ConnKey(server, 0));
     }
 
-    // Runs the handshake on the first controller up to READY.
     void DriveToReady(const std::string& server)
     {
         _app->ProcessDPInitialSyncDone();
         Ready(server);
-        Receive(Control(SessionApp::CONTROL_OPEN_ACK, _app->GetSession()->GetSessionID()), server);
+        Receive(Control(SessionApp::CONTROL_OPEN_ACK, Id()), server);
         Receive(Update(Master(server)), server);
         ASSERT_EQ(SessionApp::READY, _app->GetSessionState());
     }
 
-    FenREL::RemoteSessionUpdate ConfigSession()
+    static RemoteSessionUpdate ConfigSession()
     {
-        std::vector<FenREL::RemoteSessionUpdate> sessions;
-        FenREL::StateCache::GetInstance()->GetRemoteSessionTable()->QuerySessions(sessions);
-        for (const auto& session : sessions) {
-            if (session.sessionType == FenREL::RemoteSessionUpdate::CONFIG_SESSION) {
-                return session;
-            }
-        }
-        return FenREL::RemoteSessionUpdate();
+        return RemoteSession(RemoteSessionUpdate::CONFIG_SESSION).value_or(RemoteSessionUpdate());
     }
 
     boost::intrusive_ptr<SessionApp> _app;
     std::vector<std::string> reports;
 };
 
-TEST_F(SessionAppTest, OpenWaitsForBothTheConnectionAndTheDataPath)
+class SessionAppOpenTest : public SessionAppTest, public testing::WithParamInterface<bool> {};
+
+TEST_P(SessionAppOpenTest, OpenWaitsForBothTheConnectionAndTheDataPath)
 {
+    const bool dataPathFirst = GetParam();  // either order: the Open waits for both
     SetControllers({"10.0.0.1"});
     _app->Start();
-    ASSERT_EQ("10.0.0.1", Server());
+    for (int step = 0; step < 2; ++step) {
+        EXPECT_TRUE(SentFrames("10.0.0.1").empty());
+        EXPECT_EQ(SessionApp::INIT, _app->GetSessionState());
+        if (dataPathFirst == (step == 0)) {
+            _app->ProcessDPInitialSyncDone();
+        } else {
+            Ready("10.0.0.1");
+        }
+    }
 
-    FenRELTest::LogCapture log;
-    _app->ProcessDPInitialSyncDone();
-    EXPECT_NE(std::string::npos, log.Text().find("Session: control session is not ready, delay full sync with controller"));
-    EXPECT_TRUE(SentFrames("10.0.0.1").empty());
-
-    Ready("10.0.0.1");
-    const auto frames = SentFrames("10.0.0.1");
-    ASSERT_EQ(1u, frames.size());
-    const Frame& open = frames[0];
-    EXPECT_EQ(CtrlMsg::kTypeSessionControl, CtrlMsg::Type(open.data()));
-    EXPECT_EQ(APP_ID_SESSION, CtrlMsg::ProtocolId(open.data()));
-    EXPECT_EQ(_app->GetSession()->GetSessionID(), CtrlMsg::SessionId(open.data()));
-    EXPECT_EQ(SessionApp::CONTROL_OPEN, open[15]);
-    EXPECT_EQ(open.size(), CtrlMsg::Length(open.data()));
     config::ConfigSessionMsg body;
-    ASSERT_TRUE(body.ParseFromArray(open.data() + 16, static_cast<int>(open.size() - 16)));
-    EXPECT_EQ(4u, body.product_version().major());
-    EXPECT_EQ("demo", body.product_version().suffix());
+    body.mutable_product_version()->set_major(4);
+    body.mutable_product_version()->set_suffix("demo");
+    const Frame open = Message(CtrlMsg::kTypeSessionControl, APP_ID_SESSION, Id(),
+                               std::string(1, SessionApp::CONTROL_OPEN) + body.SerializeAsString());
+    EXPECT_EQ(std::vector<Frame>{open}, SentFrames("10.0.0.1"));
     EXPECT_EQ(SessionApp::OPEN, _app->GetSessionState());
-    EXPECT_EQ(FenREL::RemoteSessionUpdate::STATE_INIT, ConfigSession().sessionState);
+    EXPECT_EQ(RemoteSessionUpdate::STATE_INIT, ConfigSession().sessionState);
 }
 
-TEST_F(SessionAppTest, ReadyConnectionIdlesUntilTheDataPathIsSynced)
-{
-    SetControllers({"10.0.0.1"});
-    _app->Start();
-    Ready("10.0.0.1");
-    EXPECT_TRUE(SentFrames("10.0.0.1").empty());
-    EXPECT_EQ(SessionApp::INIT, _app->GetSessionState());
-    _app->ProcessDPInitialSyncDone();
-    EXPECT_EQ(1u, SentFrames("10.0.0.1").size());
-    EXPECT_EQ(SessionApp::OPEN, _app->GetSessionState());
-}
+INSTANTIATE_TEST_SUITE_P(SessionApp, SessionAppOpenTest, testing::Bool());
 
 TEST_F(SessionAppTest, HandshakeRefusesWhatComesOutOfOrder)
 {
     SetControllers({"10.0.0.1"});
     _app->Start();
     Ready("10.0.0.1");
-    const uint32_t id = _app->GetSession()->GetSessionID();
     {
         FenRELTest::LogCapture log;
-        Receive(Control(SessionApp::CONTROL_OPEN_ACK, id), "10.0.0.1");  // before the Open
-        Receive(Update(Master("10.0.0.1")), "10.0.0.1");                 // before OPEN_ACK
-        Frame bare(15, 0);
-        CtrlMsg::WriteHeader(bare.data(), 0, id, CtrlMsg::kTypeSessionControl, 15, APP_ID_SESSION);
-        Receive(bare, "10.0.0.1");
-        EXPECT_NE(std::string::npos,
-                  log.Text().find("errorCode=\"LCP00602\"] Session: Invalid Session Open ACK message from 10.0.0.1:0, "
-                                  "session is not opened now"));
-        EXPECT_NE(std::string::npos,
-                  log.Text().find("Session: Session is not ready, not allow to receive update messages from 10.0.0.1:0"));
-        EXPECT_NE(std::string::npos,
-                  log.Text().find("errorCode=\"LCP00602\"] Session: Invalid Session Control message received from"));
+        Receive(Control(SessionApp::CONTROL_OPEN_ACK, Id()), "10.0.0.1");  // before the Open
+        EXPECT_EQ(SessionApp::INIT, _app->GetSessionState());
+        Receive(Message(CtrlMsg::kTypeSessionControl, APP_ID_SESSION, Id(), ""), "10.0.0.1");  // no control type
+        _app->ProcessDPInitialSyncDone();
+        Receive(Update(Master("10.0.0.1")), "10.0.0.1");  // before the Open ACK
+        EXPECT_TRUE(Contains(log.Text(), "errorCode=\"LCP00602\"] Session: Invalid Session Control message received"));
+        EXPECT_TRUE(Contains(log.Text(), "Session: Session is not ready, not allow to receive update messages"));
     }
-    EXPECT_EQ(SessionApp::INIT, _app->GetSessionState());
-
-    _app->ProcessDPInitialSyncDone();
-    Receive(Control(SessionApp::CONTROL_OPEN_ACK, id + 1), "10.0.0.1");  // another session's
+    Receive(Control(SessionApp::CONTROL_OPEN_ACK, Id() + 1), "10.0.0.1");  // another session's
     EXPECT_EQ(SessionApp::OPEN, _app->GetSessionState());
-    Receive(Control(SessionApp::CONTROL_OPEN_ACK, id), "10.0.0.1");
+    Receive(Control(SessionApp::CONTROL_OPEN_ACK, Id()), "10.0.0.1");
     EXPECT_EQ(SessionApp::OPEN_ACK, _app->GetSessionState());
     EXPECT_TRUE(reports.empty());
 
     Receive(Update(Master("10.0.0.1")), "10.0.0.1");
     EXPECT_EQ(SessionApp::READY, _app->GetSessionState());
     EXPECT_EQ((std::vector<std::string>{"up 10.0.0.1"}), reports);
-    EXPECT_EQ(FenREL::RemoteSessionUpdate::STATE_UP, ConfigSession().sessionState);
+    EXPECT_EQ(RemoteSessionUpdate::STATE_UP, ConfigSession().sessionState);
     EXPECT_EQ("10.0.0.1", ConfigSession().controllerIp);
-
-    // A repeat in READY changes nothing.
-    Receive(Update(Master("10.0.0.1")), "10.0.0.1");
+    Receive(Update(Master("10.0.0.1")), "10.0.0.1");  // a repeat changes nothing
     EXPECT_EQ(1u, reports.size());
 }
 
@@ -211,7 +176,7 @@ TEST_F(SessionAppTest, MasterControllerElsewhereMovesTheSession)
 
     // The new master's own update finishes the move; the old one's is skipped.
     Ready("10.0.0.3");
-    Receive(Control(SessionApp::CONTROL_OPEN_ACK, _app->GetSession()->GetSessionID()), "10.0.0.3");
+    Receive(Control(SessionApp::CONTROL_OPEN_ACK, Id()), "10.0.0.3");
     Receive(Update(Master("10.0.0.1")), "10.0.0.1");
     EXPECT_EQ(SessionApp::OPEN_ACK, _app->GetSessionState());
     Receive(Update(Master("10.0.0.3")), "10.0.0.3");
@@ -232,10 +197,8 @@ TEST_F(SessionAppTest, ShardingComesOnlyFromTheSessionButRevocationsFromAnyone)
     assignment.set_type(config::CcpLcpZunConfigMsg::SHARDING_ASSIGNMENT);
     auto* share = assignment.mutable_sharding_assignment()->add_assignments();
     share->mutable_controller()->mutable_ip()->set_ipv4(Ip("10.0.0.9"));
-    auto* segment = share->add_segments();
-    segment->set_start_slice_id(1);
-    segment->set_num_slices(1);
-
+    share->add_segments()->set_start_slice_id(1);
+    share->mutable_segments(0)->set_num_slices(1);
     Receive(Update(assignment), other);
     EXPECT_EQ("", ShardingMgr::Get()->GetController(0x80000000));
     Receive(Update(assignment), session);
@@ -246,65 +209,52 @@ TEST_F(SessionAppTest, ShardingComesOnlyFromTheSessionButRevocationsFromAnyone)
     revocation.mutable_sharding_revocation()->add_segments()->set_start_slice_id(1);
     FenRELTest::LogCapture log;
     Receive(Update(revocation), other);
-    EXPECT_NE(std::string::npos, log.Text().find("Session: Sharding Invalid Slices Update message: server " + other));
+    EXPECT_TRUE(Contains(log.Text(), "Session: Sharding Invalid Slices Update message: server " + other));
     // The slice table keeps its owner until an assignment replaces it.
     EXPECT_EQ("10.0.0.9", ShardingMgr::Get()->GetController(0x80000000));
 }
 
 TEST_F(SessionAppTest, SilentCandidateTimesOutAndTheNextIsTried)
 {
-    SetControllers({"10.0.0.1"});
+    const std::vector<std::string> servers = {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4", "10.0.0.5"};
+    SetControllers(servers);
     _app->Start();
-    const boost::intrusive_ptr<CtrlSession> first = _app->GetSession();
-    _app->OnConnectTimeout(0);  // a stale time-out: no effect
-    EXPECT_EQ(first, _app->GetSession());
+    const boost::intrusive_ptr<CtrlSession> session = _app->GetSession();
+    _app->OnConnectTimeout(0);  // a stale time-out
+    EXPECT_EQ(session, _app->GetSession());
 
-    _app->OnConnectTimeout(1);
-    EXPECT_EQ("connection_refused", CtrlConnPool::Get()->GetConnStatus(ConnKey("10.0.0.1", 0)));
-    EXPECT_EQ(FenREL::RemoteSessionUpdate::STATE_DOWN, ConfigSession().sessionState);
-    // The only candidate failed: the list is read again and it is tried anew.
-    ASSERT_TRUE(_app->GetSession());
-    EXPECT_NE(first, _app->GetSession());
-    EXPECT_EQ("10.0.0.1", Server());
+    std::set<std::string> tried;
+    for (int64_t serial = 1; serial <= 5; ++serial) {
+        const std::string server = Server();
+        tried.insert(server);
+        _app->OnConnectTimeout(serial);
+        EXPECT_EQ("connection_refused", CtrlConnPool::Get()->GetConnStatus(ConnKey(server, 0)));
+        EXPECT_EQ(RemoteSessionUpdate::STATE_DOWN, ConfigSession().sessionState);
+    }
+    EXPECT_EQ(std::set<std::string>(servers.begin(), servers.end()), tried);  // each candidate once
+    EXPECT_FALSE(Server().empty());  // then the list is read again
 }
 
-TEST_F(SessionAppTest, LostReadySessionWaitsThenChoosesAgain)
+// A reloaded list that keeps the session's controller leaves it alone; one
+// that changes it tears the session down as a lost connection does, and the
+// retry chooses again.
+TEST_F(SessionAppTest, ControllerListChangeOrLossEndsAReadySessionUntilTheRetry)
 {
     SetControllers({"10.0.0.1"});
     _app->Start();
     DriveToReady("10.0.0.1");
-    AppManager::Get()->PostEvent(new CtrlConnEvent(ConnKey("10.0.0.1", 0), true));
-    EXPECT_EQ((std::vector<std::string>{"up 10.0.0.1", "down 10.0.0.1"}), reports);
-    EXPECT_FALSE(_app->GetSession());
-    EXPECT_EQ(SessionApp::INIT, _app->GetSessionState());
-    EXPECT_EQ(FenREL::RemoteSessionUpdate::STATE_DOWN, ConfigSession().sessionState);
-    _app->OnRetryTimer();
-    EXPECT_EQ("10.0.0.1", Server());
-}
-
-TEST_F(SessionAppTest, ControllerListChangesLeaveAnUnchangedSessionAlone)
-{
-    SetControllers({"10.0.0.1"});
-    _app->Start();
-    DriveToReady("10.0.0.1");
-    std::vector<ConnConfig> reordered = {ConnConfig("10.0.0.2", 1, "", nullptr, false),
-                                         ConnConfig("10.0.0.1", 1, "", nullptr, false)};
-    _app->ReceiveControllerList(reordered);
+    _app->ReceiveControllerList(
+        {ConnConfig("10.0.0.2", 1, "", nullptr, false), ConnConfig("10.0.0.1", 1, "", nullptr, false)});
     EXPECT_EQ(SessionApp::READY, _app->GetSessionState());
     EXPECT_EQ(1u, reports.size());
 
-    // The session's controller changed: torn down as by a real disconnection.
     _app->ReceiveControllerList({ConnConfig("10.0.0.1", 2, "", nullptr, false)});
+    EXPECT_EQ((std::vector<std::string>{"up 10.0.0.1", "down 10.0.0.1"}), reports);
     EXPECT_FALSE(_app->GetSession());
-    EXPECT_EQ("down 10.0.0.1", reports.back());
-}
-
-TEST_F(SessionAppTest, RandomChoiceStaysInTheCluster)
-{
-    SetControllers({"10.0.0.1", "10.0.0.2", "10.0.0.3"});
-    _app->Start();
-    const std::string chosen = Server();
-    EXPECT_TRUE(chosen == "10.0.0.1" || chosen == "10.0.0.2" || chosen == "10.0.0.3") << chosen;
+    EXPECT_EQ(SessionApp::INIT, _app->GetSessionState());
+    EXPECT_EQ(RemoteSessionUpdate::STATE_DOWN, ConfigSession().sessionState);
+    _app->OnRetryTimer();
+    EXPECT_EQ("10.0.0.1", Server());
 }
 
 }  // namespace

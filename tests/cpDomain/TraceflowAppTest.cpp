@@ -14,94 +14,55 @@ namespace {
 using namespace ZUNChannel;
 using FenREL::MsgDispatcher;
 using FenRELTest::Frame;
+using FenRELTest::Message;
 
-// The data path's end of the dispatcher: keeps what it is given.
+// The data path's end of the dispatcher: keeps the payloads it is given.
 class DataPathSink : public FenREL::MsgSink {
 public:
-    void Process(uint32_t type, const uint8_t* data, uint32_t length) override
+    void Process(uint32_t, const uint8_t* data, uint32_t length) override
     {
-        calls.push_back({type, Frame(data, data + length)});
+        payloads.emplace_back(data, data + length);
     }
-    std::vector<std::pair<uint32_t, Frame>> calls;
+    std::vector<Frame> payloads;
 };
 
-class TraceflowAppTest : public FenRELTest::ConfigAppFixture {
-protected:
-    void SetUp() override
-    {
-        ConfigAppFixture::SetUp();
-        _traceflow = new FenREL::TraceflowApp();
-        AppManager::Get()->RegisterApp(_traceflow);
-        MsgDispatcher::Get().RegisterSink(MsgDispatcher::DP_DOMAIN, MsgDispatcher::DP_MSG_TRACEFLOW, &_dataPath);
-    }
+using TraceflowAppTest = FenRELTest::ConfigAppFixture;
 
-    void TearDown() override
-    {
-        MsgDispatcher::Get().UnRegisterSink(MsgDispatcher::DP_DOMAIN, MsgDispatcher::DP_MSG_TRACEFLOW);
-        _traceflow.reset();
-        ConfigAppFixture::TearDown();
-    }
-
-    // An observation as the data-plane domain hands it over.
-    static void FromDataPath(const Frame& payload)
-    {
+// Observations go out on the config session, and packet-outs reach the data
+// path as they came, an empty payload included.
+TEST_F(TraceflowAppTest, PayloadsPassBothWaysEvenEmpty)
+{
+    boost::intrusive_ptr<FenREL::TraceflowApp> traceflow(new FenREL::TraceflowApp());
+    AppManager::Get()->RegisterApp(traceflow);
+    DataPathSink dataPath;
+    MsgDispatcher::Get().RegisterSink(MsgDispatcher::DP_DOMAIN, MsgDispatcher::DP_MSG_TRACEFLOW, &dataPath);
+    auto fromDataPath = [](const Frame& payload) {
         MsgDispatcher::Get().Dispatch(MsgDispatcher::CP_DOMAIN, MsgDispatcher::DP_MSG_TRACEFLOW, payload.data(),
                                       static_cast<uint32_t>(payload.size()));
+    };
+    {
+        FenRELTest::LogCapture log(FenREL::LOGLEVEL_ERROR);
+        fromDataPath(Frame{1, 2, 3});  // no session: lost
+        EXPECT_NE(std::string::npos, log.Text().find("errorCode=\"LCP00503\"] Config: Session is not ready"));
+        EXPECT_TRUE(SentFrames().empty());
     }
-
-    boost::intrusive_ptr<FenREL::TraceflowApp> _traceflow;
-    DataPathSink _dataPath;
-};
-
-TEST_F(TraceflowAppTest, ObservationsGoOutOnTheConfigSession)
-{
     SessionUp();
     TakeFrames();
-    for (const size_t size : {size_t(0), size_t(5), size_t(3000)}) {
-        SCOPED_TRACE(size);
-        Frame payload(size);
-        for (size_t i = 0; i < size; ++i) {
-            payload[i] = static_cast<uint8_t>(i * 7 + 1);
-        }
-        FromDataPath(payload);
-        Frame expected(16, 0);
-        CtrlMsg::WriteHeader(expected.data(), 0, SessionId(), CtrlMsg::kTypeData, static_cast<uint16_t>(size + 16),
-                             APP_ID_TRACEFLOW);
-        expected.insert(expected.end(), payload.begin(), payload.end());
-        EXPECT_EQ(std::vector<Frame>{expected}, TakeFrames());
+    for (const Frame& payload : {Frame{}, Frame(3000, 0x5A)}) {
+        fromDataPath(payload);
+        const std::string body = '\0' + std::string(payload.begin(), payload.end());
+        const Frame expected = Message(CtrlMsg::kTypeData, APP_ID_TRACEFLOW, SessionId(), body);
+        EXPECT_EQ(std::vector<Frame>{expected}, TakeFrames()) << payload.size();
     }
-}
 
-TEST_F(TraceflowAppTest, ObservationIsLostWhileTheConfigSessionIsDown)
-{
-    FenRELTest::LogCapture log(FenREL::LOGLEVEL_ERROR);
-    FromDataPath(Frame{1, 2, 3});
-    EXPECT_NE(std::string::npos, log.Text().find("Config: Session is not ready"));
-    EXPECT_NE(std::string::npos, log.Text().find("LCP00503"));
-    EXPECT_TRUE(SentFrames(kServer).empty());
-}
-
-TEST_F(TraceflowAppTest, PacketOutReachesTheDataPathAsItCame)
-{
     Frame withPayload = Update("\x0a\x02\x08\x01", APP_ID_TRACEFLOW);
     withPayload[15] = 9;  // not looked at
-    Frame headerOnly = Update("", APP_ID_TRACEFLOW);
-    headerOnly.resize(15);
-    const struct {
-        Frame frame;
-        Frame expected;
-    } cases[] = {
-        {withPayload, Frame{0x0a, 0x02, 0x08, 0x01}},
-        {Update("", APP_ID_TRACEFLOW), Frame{}},
-        {headerOnly, Frame{}},
-    };
-    for (const auto& c : cases) {
-        _dataPath.calls.clear();
-        _traceflow->HandleMsg(c.frame.data(), static_cast<uint32_t>(c.frame.size()), ConnKey(kServer, 0));
-        ASSERT_EQ(1u, _dataPath.calls.size());
-        EXPECT_EQ(MsgDispatcher::DP_MSG_TRACEFLOW, _dataPath.calls[0].first);
-        EXPECT_EQ(c.expected, _dataPath.calls[0].second);
+    const Frame headerOnly = Message(CtrlMsg::kTypeData, APP_ID_TRACEFLOW, 0xFFFFFFFF, "");
+    for (const Frame& frame : {withPayload, Update("", APP_ID_TRACEFLOW), headerOnly}) {
+        traceflow->HandleMsg(frame.data(), static_cast<uint32_t>(frame.size()), ConnKey(kServer, 0));
     }
+    EXPECT_EQ((std::vector<Frame>{{0x0a, 0x02, 0x08, 0x01}, {}, {}}), dataPath.payloads);
+    MsgDispatcher::Get().UnRegisterSink(MsgDispatcher::DP_DOMAIN, MsgDispatcher::DP_MSG_TRACEFLOW);
 }
 
 }  // namespace

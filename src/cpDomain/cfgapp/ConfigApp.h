@@ -86,7 +86,6 @@ public:
     static uint8_t* NewUpdateMsg(uint16_t protocolId, size_t payloadLength);
 
     const boost::intrusive_ptr<ZUNChannel::CtrlSession>& GetSession() const { return _session; }
-    bool IsFullSyncDone() const { return _fullSyncDone; }
     size_t GetPendingDeltaCount() const;
 
 private:

@@ -82,15 +82,12 @@ public:
     void ProcessLocalUpdate(const L2UpdateMsg& update);
     void DumpRoutingDomains() const;
 
-    const L2HelloFeature::Params& GetHelloParams() const { return _hello.GetParams(); }
-    const boost::intrusive_ptr<ZUNChannel::CtrlSession>& GetSession() const { return _session; }
     const std::map<uint32_t, boost::intrusive_ptr<NewVirtualNetwork>>& GetVirtualNetworks() const
     {
         return _virtualNetworks;
     }
     boost::intrusive_ptr<NewVirtualNetwork> FindVirtualNetwork(uint32_t vni) const;
     const std::map<std::string, RoutingDomain>& GetRoutingDomains() const { return _routingDomains; }
-    bool IsRoutingVtepMarkerSent() const { return _routingVtepMarkerSent; }
 
 private:
     void SendLocalFullSync();
