@@ -1,25 +1,15 @@
 #include <gtest/gtest.h>
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <cstring>
 #include <optional>
 #include <string>
 
-#include "DataPathSim.h"
 #include "DataPathView.h"
 #include "DpFrame.h"
 #include "LocalState.h"
-#include "TempDir.h"
 
 namespace DpSim {
 namespace {
 
-using namespace std::chrono_literals;
 namespace config = com::corvid::zun::config;
 namespace l2 = com::corvid::zun::l2;
 using com::corvid::zun::lcp::CcpSessionStateMsg;
@@ -33,16 +23,17 @@ com::corvid::zun::UuidMsg Uuid(uint64_t id)
     return uuid;
 }
 
-config::ZunConfigDeltaMsg Delta(uint64_t id, int operation, int propertyType = 0, uint32_t vni = 0)
+// A logical switch's update or removal; with `vni`, of its LS_VNI property only.
+config::ZunConfigDeltaMsg Delta(uint64_t id, bool remove, std::optional<uint32_t> vni = std::nullopt)
 {
     config::ZunConfigDeltaMsg delta;
-    delta.set_operation(static_cast<config::ZunConfigDeltaMsg::Operation>(operation));
+    delta.set_operation(remove ? config::ZunConfigDeltaMsg::DELETE_OP : config::ZunConfigDeltaMsg::UPDATE_OP);
     *delta.mutable_entity_id() = Uuid(id);
     delta.set_entity_type(config::LOG_SWITCH);
-    if (propertyType != 0) {
+    if (vni) {
         config::EntityPropertyMsg* property = delta.add_property();
-        property->set_property_type(static_cast<config::EntityPropertyMsg::PropertyType>(propertyType));
-        property->mutable_ls_vni()->set_vni(vni);
+        property->set_property_type(config::EntityPropertyMsg::LS_VNI);
+        property->mutable_ls_vni()->set_vni(*vni);
     }
     return delta;
 }
@@ -86,33 +77,30 @@ TEST(DpFrameReaderTest, SameFramesWhateverTheSplitAndAStopAtALengthBelowSix)
     EXPECT_EQ("length 5 below the header's 6 bytes", reader.Fault());
 }
 
+// A full sync replaces the view, sessions included; a delta changes it.
 TEST(DataPathViewTest, FullSyncReplacesAndDeltasApply)
 {
     DataPathView view;
-    LcpDpMsg first;
-    *first.add_remote_config_update() = Delta(1, 2, config::EntityPropertyMsg::LS_VNI, 5001);
-    *first.add_remote_config_update() = Delta(2, 2);
-    CcpSessionStateMsg* session = first.add_session_state();
+    LcpDpMsg msg;
+    *msg.add_remote_config_update() = Delta(1, false, 5001);
+    *msg.add_remote_config_update() = Delta(2, false);
+    CcpSessionStateMsg* session = msg.add_session_state();
     session->set_session_type(CcpSessionStateMsg::L2_SESSION);
     session->set_vni(5001);
-    session->set_session_state(CcpSessionStateMsg::SESSION_LINKDOWN);
-    view.Apply(first, true);
+    view.Apply(msg, true);
     EXPECT_EQ(2u, view.Config().EntityCount());
 
-    LcpDpMsg delta;
-    *delta.add_remote_config_update() = Delta(1, 1, config::EntityPropertyMsg::LS_VNI);  // the property goes
-    *delta.add_remote_config_update() = Delta(2, 1);                                     // the entity goes
-    *delta.add_session_state() = *session;
-    delta.mutable_session_state(0)->set_session_state(CcpSessionStateMsg::SESSION_LINKUP);
-    view.Apply(delta, false);
+    *msg.mutable_remote_config_update(0) = Delta(1, true, 0);  // the property goes
+    *msg.mutable_remote_config_update(1) = Delta(2, true);     // the entity goes
+    session->set_session_state(CcpSessionStateMsg::SESSION_LINKUP);
+    view.Apply(msg, false);
     EXPECT_TRUE(view.Config().HasEntity(Uuid(1)));
     EXPECT_FALSE(view.Config().GetProperty(Uuid(1), config::EntityPropertyMsg::LS_VNI));
     EXPECT_FALSE(view.Config().HasEntity(Uuid(2)));
-    ASSERT_EQ(1u, view.Sessions().size());
     EXPECT_EQ(CcpSessionStateMsg::SESSION_LINKUP, view.Session(CcpSessionStateMsg::L2_SESSION, 5001)->session_state());
 
     LcpDpMsg second;
-    *second.add_remote_config_update() = Delta(3, 2);
+    *second.add_remote_config_update() = Delta(3, false);
     view.Apply(second, true);
     EXPECT_EQ(1u, view.Config().EntityCount());
     EXPECT_TRUE(view.Sessions().empty());
@@ -120,37 +108,49 @@ TEST(DataPathViewTest, FullSyncReplacesAndDeltasApply)
     EXPECT_EQ(1u, view.Deltas());
 }
 
-TEST(L2ViewTest, ItemsComeAndGoAndLeavingAVniTakesItsItems)
+// What the simulated data path says of its own changes: a first item joins
+// its VNI in the same message, a new VIF is created before its states, and
+// the view built from those messages follows.
+TEST(LocalStateTest, ChangesComeAsTheAgentExpectsThemAndTheViewFollows)
 {
+    const auto vtep = l2::L2MappingUpdateMsg::VTEP;
     LocalState local;
     LcpDpMsg msg;
     L2View view;
-    ASSERT_EQ("", local.AddL2(5001, l2::L2MappingUpdateMsg::VTEP, Vtep(1), msg));
-    // The first item joins the VNI in the same message.
+    ASSERT_EQ("", local.AddL2(5001, vtep, Vtep(1), msg));
     ASSERT_EQ(2, msg.l2_update().mapping_update_size());
     EXPECT_FALSE(msg.l2_update().mapping_update(0).has_type());
     view.Apply(msg.l2_update());
-    ASSERT_EQ("", local.AddL2(5001, l2::L2MappingUpdateMsg::VTEP, Vtep(2), msg));
+    ASSERT_EQ("", local.AddL2(5001, vtep, Vtep(2), msg));
     EXPECT_EQ(1, msg.l2_update().mapping_update_size());
     view.Apply(msg.l2_update());
-    EXPECT_EQ(2u, view.ItemCount(5001, l2::L2MappingUpdateMsg::VTEP));
-
-    EXPECT_NE("", local.DeleteL2(5001, l2::L2MappingUpdateMsg::VTEP, Vtep(3), msg));
-    ASSERT_EQ("", local.DeleteL2(5001, l2::L2MappingUpdateMsg::VTEP, Vtep(1), msg));
+    EXPECT_NE("", local.DeleteL2(5001, vtep, Vtep(3), msg));
+    ASSERT_EQ("", local.DeleteL2(5001, vtep, Vtep(1), msg));
     view.Apply(msg.l2_update());
-    EXPECT_FALSE(view.HasItem(5001, l2::L2MappingUpdateMsg::VTEP, Vtep(1)));
-    EXPECT_TRUE(view.HasItem(5001, l2::L2MappingUpdateMsg::VTEP, Vtep(2)));
-
-    // The whole picture rebuilds the same view.
-    L2View rebuilt;
+    EXPECT_FALSE(view.HasItem(5001, vtep, Vtep(1)));
+    L2View rebuilt;  // the whole picture rebuilds the same view
     rebuilt.Apply(view.ToFullMessage());
-    EXPECT_TRUE(rebuilt.HasItem(5001, l2::L2MappingUpdateMsg::VTEP, Vtep(2)));
-    EXPECT_EQ(1u, rebuilt.ItemCount(5001, l2::L2MappingUpdateMsg::VTEP));
-
+    EXPECT_EQ(view.Describe(), rebuilt.Describe());
     ASSERT_EQ("", local.LeaveVni(5001, msg));
     view.Apply(msg.l2_update());
     EXPECT_FALSE(view.HasVni(5001));
-    EXPECT_NE("", local.LeaveVni(5001, msg));
+
+    const LcpDpMsg created = local.SetVif("vif-1", LocalState::Vif{{1}, {2}});
+    ASSERT_EQ(2, created.local_config_update_size());
+    EXPECT_EQ(0, created.local_config_update(0).state_size());
+    EXPECT_EQ(2, created.local_config_update(1).state_size());
+    EXPECT_EQ(1, local.SetVif("vif-1", LocalState::Vif{{3}, {}}).local_config_update_size());
+    const auto removal = local.RemoveVif("vif-1");
+    ASSERT_TRUE(removal);
+    ASSERT_EQ(1, removal->local_config_update_size());
+    EXPECT_EQ(config::ZunStateDeltaMsg::DELETE_OP, removal->local_config_update(0).operation());
+    EXPECT_FALSE(local.RemoveVif("vif-1"));
+
+    local.SetVif("vif-4", LocalState::Vif{{4}, {}});
+    const LcpDpMsg full = local.FullSyncMessage();
+    EXPECT_TRUE(full.atomic_update_end());
+    ASSERT_EQ(2, full.local_config_update_size());
+    EXPECT_EQ(4u, full.local_config_update(1).state(0).vif_ips(0).ipv4());
 }
 
 TEST(L2ViewTest, DescribeListsTheFirstItemsOfEachTypeReadably)
@@ -161,9 +161,8 @@ TEST(L2ViewTest, DescribeListsTheFirstItemsOfEachTypeReadably)
     macs->set_type(l2::L2MappingUpdateMsg::VM_MAC);
     macs->mutable_vn_instance()->set_vni(5001);
     for (uint64_t i = 0; i < 10; ++i) {
-        l2::L2UpdateMappingItemMsg* item = macs->add_items();
-        item->mutable_vm_mac()->mutable_vm_mac()->set_mac(0x005056AA0000 + i);
-        item->mutable_vm_mac()->mutable_vtep_ip()->set_ipv4(0xC0A80002);
+        macs->add_items()->mutable_vm_mac()->mutable_vm_mac()->set_mac(0x005056AA0000 + i);
+        macs->mutable_items(i)->mutable_vm_mac()->mutable_vtep_ip()->set_ipv4(0xC0A80002);
     }
     view.Apply(msg);
     const std::string text = view.Describe();
@@ -171,167 +170,6 @@ TEST(L2ViewTest, DescribeListsTheFirstItemsOfEachTypeReadably)
     EXPECT_NE(std::string::npos, text.find("  VM_MAC 00:50:56:aa:00:00 at 192.168.0.2\n")) << text;
     EXPECT_EQ(std::string::npos, text.find("00:50:56:aa:00:08")) << text;
     EXPECT_NE(std::string::npos, text.find("  ... 2 more\n")) << text;
-}
-
-TEST(LocalStateTest, ANewVifIsCreatedBeforeItsStatesAndTheFullSyncHoldsAll)
-{
-    LocalState local;
-    const LcpDpMsg created = local.SetVif("vif-1", LocalState::Vif{{1}, {2}});
-    ASSERT_EQ(2, created.local_config_update_size());
-    EXPECT_EQ(0, created.local_config_update(0).state_size());
-    EXPECT_EQ(2, created.local_config_update(1).state_size());
-    EXPECT_EQ(config::VIF, created.local_config_update(1).entity_type());
-    EXPECT_EQ(1, local.SetVif("vif-1", LocalState::Vif{{3}, {}}).local_config_update_size());
-    local.SetVif("vif-2", LocalState::Vif{});
-    EXPECT_FALSE(local.RemoveVif("vif-3"));
-    ASSERT_TRUE(local.RemoveVif("vif-2"));
-    const auto removal = local.RemoveVif("vif-1");
-    ASSERT_TRUE(removal);
-    ASSERT_EQ(1, removal->local_config_update_size());
-    EXPECT_EQ(config::ZunStateDeltaMsg::DELETE_OP, removal->local_config_update(0).operation());
-    EXPECT_EQ(0, removal->local_config_update(0).state_size());
-
-    local.SetVif("vif-4", LocalState::Vif{{4}, {}});
-    const LcpDpMsg full = local.FullSyncMessage();
-    EXPECT_TRUE(full.atomic_update_end());
-    EXPECT_TRUE(full.has_l2_update());
-    ASSERT_EQ(2, full.local_config_update_size());
-    EXPECT_EQ("vif-4", full.local_config_update(1).entity_id());
-    EXPECT_EQ(4u, full.local_config_update(1).state(0).vif_ips(0).ipv4());
-}
-
-// The agent's side at its simplest: a connected unix socket with deadlines.
-class Client {
-public:
-    explicit Client(const std::string& path)
-    {
-        _fd = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        memcpy(address.sun_path, path.data(), path.size());
-        connected = connect(_fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-    }
-    ~Client() { close(_fd); }
-
-    bool Write(const Bytes& bytes) { return send(_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == ssize_t(bytes.size()); }
-
-    std::optional<LcpDpMsg> ReadMessage()
-    {
-        DpFrameReader reader;
-        for (;;) {
-            if (auto frame = reader.Next()) {
-                LcpDpMsg msg;
-                msg.ParseFromArray(frame->body.data(), static_cast<int>(frame->body.size()));
-                return msg;
-            }
-            uint8_t buffer[4096];
-            pollfd request{_fd, POLLIN, 0};
-            if (poll(&request, 1, 5000) <= 0) {
-                return std::nullopt;
-            }
-            const ssize_t got = recv(_fd, buffer, sizeof(buffer), 0);
-            if (got <= 0) {
-                return std::nullopt;
-            }
-            reader.Feed(buffer, static_cast<size_t>(got));
-        }
-    }
-
-    bool ReadEof()
-    {
-        pollfd request{_fd, POLLIN, 0};
-        uint8_t byte;
-        return poll(&request, 1, 5000) == 1 && recv(_fd, &byte, 1, 0) == 0;
-    }
-
-    bool connected = false;
-
-private:
-    int _fd;
-};
-
-class DataPathSimTest : public testing::Test {
-protected:
-    void Start(bool autoFullSync)
-    {
-        _sim = std::make_unique<DataPathSim>(DataPathSim::Options{_dir.File("run/agent.sock"), autoFullSync});
-        _sim->Start();
-    }
-
-    FenRELTest::TempDir _dir;
-    std::unique_ptr<DataPathSim> _sim;
-};
-
-TEST_F(DataPathSimTest, SendsItsFullSyncAtAcceptAndRecordsTheAgentsMessages)
-{
-    Start(true);
-    _sim->SetVif("vif-1", LocalState::Vif{{7}, {}});
-    Client agent(_sim->Path());
-    ASSERT_TRUE(agent.connected);
-    const auto first = agent.ReadMessage();
-    ASSERT_TRUE(first);
-    EXPECT_EQ(2, first->local_config_update_size());
-
-    // Once the first message is out, changes go as deltas.
-    _sim->SetVif("vif-2", LocalState::Vif{{8}, {}});
-    const auto delta = agent.ReadMessage();
-    ASSERT_TRUE(delta);
-    EXPECT_EQ("vif-2", delta->local_config_update(0).entity_id());
-
-    LcpDpMsg fullSync;
-    *fullSync.add_remote_config_update() = Delta(1, 2);
-    LcpDpMsg change;
-    *change.add_remote_config_update() = Delta(2, 2);
-    Bytes both = DpFrame::Encode(1, fullSync.SerializeAsString());
-    const Bytes second = DpFrame::Encode(2, change.SerializeAsString());
-    both.insert(both.end(), second.begin(), second.end());
-    ASSERT_TRUE(agent.Write(both));
-    ASSERT_TRUE(_sim->WaitForMessageCount(2, 5s)) << _sim->Summary();
-    const auto messages = _sim->Messages();
-    EXPECT_TRUE(messages[0].fullSync);
-    EXPECT_FALSE(messages[1].fullSync);
-    EXPECT_EQ(2, messages[1].headerType);
-    EXPECT_EQ(2u, _sim->View().Config().EntityCount());
-}
-
-TEST_F(DataPathSimTest, ChangesWaitForTheFirstMessageWhenItIsSentByHand)
-{
-    Start(false);
-    Client agent(_sim->Path());
-    ASSERT_TRUE(_sim->WaitForAccepted(1, 5s));
-    EXPECT_FALSE(_sim->FirstMessageSent());
-    ASSERT_EQ("", _sim->AddL2(5001, l2::L2MappingUpdateMsg::VTEP, Vtep(1)));
-    ASSERT_TRUE(_sim->SendFullSync());
-    const auto first = agent.ReadMessage();
-    ASSERT_TRUE(first);
-    L2View view;
-    view.Apply(first->l2_update());
-    EXPECT_TRUE(view.HasItem(5001, l2::L2MappingUpdateMsg::VTEP, Vtep(1)));
-}
-
-TEST_F(DataPathSimTest, BadLengthIsAViolationThatClosesTheConnection)
-{
-    Start(false);
-    Client agent(_sim->Path());
-    ASSERT_TRUE(agent.Write(Bytes{0, 1, 0, 0, 0, 5}));
-    ASSERT_TRUE(_sim->WaitForClosed(0, 5s));
-    EXPECT_EQ(1u, _sim->Violations().size());
-    EXPECT_TRUE(agent.ReadEof());
-}
-
-TEST_F(DataPathSimTest, ANewConnectionReplacesTheOldAndCloseEndsIt)
-{
-    Start(false);
-    Client old(_sim->Path());
-    ASSERT_TRUE(_sim->WaitForAccepted(1, 5s));
-    Client agent(_sim->Path());
-    ASSERT_TRUE(_sim->WaitForAccepted(2, 5s));
-    EXPECT_TRUE(_sim->WaitForClosed(0, 5s));
-    EXPECT_TRUE(old.ReadEof());
-    EXPECT_TRUE(_sim->IsConnected());
-    EXPECT_TRUE(_sim->CloseConnection());
-    EXPECT_TRUE(agent.ReadEof());
-    EXPECT_FALSE(_sim->IsConnected());
 }
 
 }  // namespace
