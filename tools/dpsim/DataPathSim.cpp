@@ -63,7 +63,10 @@ std::string ReceivedMessage::ToString() const
            std::to_string(length) + (fullSync ? " fullsync " : " ") + (parsed ? Parts(msg) : "unparsable body");
 }
 
-DataPathSim::DataPathSim(Options options) : _options(std::move(options)), _autoFullSync(_options.autoFullSync) {}
+DataPathSim::DataPathSim(Options options) : _options(std::move(options)), _autoFullSync(_options.autoFullSync)
+{
+    _view.SetL2CountOnly(_options.countL2Only);
+}
 
 DataPathSim::~DataPathSim()
 {

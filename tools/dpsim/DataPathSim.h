@@ -55,6 +55,7 @@ public:
     struct Options {
         std::string path;           // the socket; its directories are made
         bool autoFullSync = true;   // send the first message at accept
+        bool countL2Only = false;   // the view counts L2 items and keeps none (load runs)
     };
 
     using MessagePredicate = std::function<bool(const ReceivedMessage&)>;

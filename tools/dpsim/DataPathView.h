@@ -24,6 +24,8 @@ public:
     using SessionKey = std::pair<int32_t, uint32_t>;
 
     void Apply(const com::corvid::zun::lcp::LcpDpMsg& msg, bool fullSync);
+    // L2 items counted, not kept (L2View::SetCountOnly).
+    void SetL2CountOnly(bool on) { _l2.SetCountOnly(on); }
 
     const ConfigView& Config() const { return _config; }
     const L2View& L2() const { return _l2; }

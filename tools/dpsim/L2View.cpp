@@ -87,6 +87,10 @@ void L2View::Apply(const L2UpdateMsg& msg)
         if (created) {
             entry.switchId = mapping.vn_instance().transport_switch_id();
         }
+        if (_countOnly) {
+            Count(mapping, entry);
+            continue;
+        }
         std::set<std::string>& items = entry.items[mapping.type()];
         for (const L2UpdateMappingItemMsg& item : mapping.items()) {
             if (item.op() == l2::L2UpdateMappingItemMsg::DEL) {
@@ -114,6 +118,18 @@ void L2View::Apply(const L2UpdateMsg& msg)
     }
 }
 
+void L2View::Count(const l2::L2MappingUpdateMsg& mapping, Vni& entry)
+{
+    size_t& count = entry.counts[mapping.type()];
+    for (const L2UpdateMappingItemMsg& item : mapping.items()) {
+        if (item.op() != l2::L2UpdateMappingItemMsg::DEL) {
+            ++count;
+        } else if (count > 0) {
+            --count;
+        }
+    }
+}
+
 void L2View::Clear()
 {
     _vnis.clear();
@@ -135,6 +151,10 @@ size_t L2View::ItemCount(uint32_t vni, int32_t type) const
     auto it = _vnis.find(vni);
     if (it == _vnis.end()) {
         return 0;
+    }
+    if (_countOnly) {
+        auto count = it->second.counts.find(type);
+        return count == it->second.counts.end() ? 0 : count->second;
     }
     auto items = it->second.items.find(type);
     return items == it->second.items.end() ? 0 : items->second.size();
@@ -184,6 +204,9 @@ std::string L2View::Describe() const
         text += "vni " + std::to_string(vni) + " switch " + std::to_string(entry.switchId);
         for (const auto& [type, items] : entry.items) {
             text += " type" + std::to_string(type) + "=" + std::to_string(items.size());
+        }
+        for (const auto& [type, count] : entry.counts) {
+            text += " type" + std::to_string(type) + "=" + std::to_string(count) + " (counted)";
         }
         text += "\n";
         for (const auto& [type, items] : entry.items) {

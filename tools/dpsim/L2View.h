@@ -24,6 +24,11 @@ public:
 
     void Apply(const L2UpdateMsg& msg);
     void Clear();
+    // Counting only: the items of a VNI are counted by type (ADD one more,
+    // DEL one less) and not kept, so that millions of them cost little.
+    // HasItem, ToFullMessage and the listing of Describe then know no items.
+    // For load runs; set before the first Apply.
+    void SetCountOnly(bool on) { _countOnly = on; }
 
     bool HasVni(uint32_t vni) const { return _vnis.count(vni) > 0; }
     size_t VniCount() const { return _vnis.size(); }
@@ -47,7 +52,13 @@ private:
     struct Vni {
         uint32_t switchId = 0;
         std::map<int32_t, std::set<std::string>> items;  // by mapping type
+        std::map<int32_t, size_t> counts;                // by mapping type, when counting only
     };
+
+    // Counts the items of `mapping` into `entry`.
+    static void Count(const com::corvid::zun::l2::L2MappingUpdateMsg& mapping, Vni& entry);
+
+    bool _countOnly = false;
 
     std::map<uint32_t, Vni> _vnis;
     std::map<std::string, std::set<std::string>> _routingDomains;  // serialised id -> serialised VTEPs
