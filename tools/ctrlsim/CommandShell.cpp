@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <limits>
-#include <sstream>
 
 #include "ConfigCommands.h"
 #include "ControllerSim.h"
@@ -85,7 +85,7 @@ std::string AddFeature(Hello& hello, const std::string& value)
 
 CommandShell::CommandShell(ControllerSim& sim) : _sim(sim)
 {
-    _commands = {
+    SetCommands({
         {"keepalive", "keepalive on|off", 1, 1, [this](const Args& args) { return KeepAlive(args); }},
         {"keepalive-period", "keepalive-period <ms>|auto", 1, 1,
          [this](const Args& args) { return KeepAlivePeriod(args); }},
@@ -102,86 +102,25 @@ CommandShell::CommandShell(ControllerSim& sim) : _sim(sim)
          [this](const Args& args) { return Master(args); }},
         {"status", "status", 0, 0, [this](const Args& args) { return Status(args); }},
         {"config-push", "config-push <file of CcpLcpZunConfigMsg text|hex payload>", 1, 1,
-         [this](const Args& args) { return ConfigCommands::Push(_sim, args, _output); }},
+         [this](const Args& args) { return ConfigCommands::Push(_sim, args, Output()); }},
         {"config-end", "config-end [session]", 0, 1,
-         [this](const Args& args) { return ConfigCommands::End(_sim, args, _output); }},
+         [this](const Args& args) { return ConfigCommands::End(_sim, args, Output()); }},
         {"config-auto", "config-auto on|off [file of CcpLcpZunConfigMsg text]", 1, 2,
-         [this](const Args& args) { return ConfigCommands::Auto(_sim, args, _output); }},
+         [this](const Args& args) { return ConfigCommands::Auto(_sim, args, Output()); }},
         {"config-view", "config-view", 0, 0,
-         [this](const Args& args) { return ConfigCommands::View(_sim, args, _output); }},
+         [this](const Args& args) { return ConfigCommands::View(_sim, args, Output()); }},
         {"traceflow-out", "traceflow-out <hex TraceflowMsg|-> [conn]", 1, 2,
-         [this](const Args& args) { return ConfigCommands::TraceflowOut(_sim, args, _output); }},
+         [this](const Args& args) { return ConfigCommands::TraceflowOut(_sim, args, Output()); }},
         {"traceflow-view", "traceflow-view", 0, 0,
-         [this](const Args& args) { return ConfigCommands::TraceflowView(_sim, args, _output); }},
+         [this](const Args& args) { return ConfigCommands::TraceflowView(_sim, args, Output()); }},
         {"l2-push", "l2-push <vni> <mac> <ip> <vtep-ip> [del] [fragment N]", 4, 7,
-         [this](const Args& args) { return L2Commands::Push(_sim, args, _output); }},
+         [this](const Args& args) { return L2Commands::Push(_sim, args, Output()); }},
         {"l2-sync", "l2-sync <vni> [<mac>/<ip>/<vtep-ip>]... [fragment N]", 1, 64,
-         [this](const Args& args) { return L2Commands::Sync(_sim, args, _output); }},
+         [this](const Args& args) { return L2Commands::Sync(_sim, args, Output()); }},
         {"l2-notify", "l2-notify <vni> [<error> <sub>]", 1, 3,
-         [this](const Args& args) { return L2Commands::Notify(_sim, args, _output); }},
-        {"l2-view", "l2-view", 0, 0, [this](const Args& args) { return L2Commands::View(_sim, args, _output); }},
-        {"quit", "quit", 0, 0, [this](const Args& args) { return Quit(args); }},
-    };
-}
-
-std::string CommandShell::Execute(const std::string& line)
-{
-    std::istringstream in(line);
-    std::string name;
-    Args args;
-    in >> name;
-    for (std::string word; in >> word;) {
-        args.push_back(word);
-    }
-    if (name.empty()) {
-        return "";
-    }
-    if (name == "help") {
-        return Help() + "ok\n";
-    }
-    for (const Command& command : _commands) {
-        if (command.name != name) {
-            continue;
-        }
-        if (args.size() < command.minArgs || args.size() > command.maxArgs) {
-            return "error usage: " + command.usage + "\n";
-        }
-        _output.clear();
-        std::string error;
-        try {
-            error = command.run(args);
-        } catch (const std::exception& e) {
-            error = e.what();
-        }
-        return _output + (error.empty() ? "ok\n" : "error " + error + "\n");
-    }
-    return "error unknown command " + name + " (try help)\n";
-}
-
-std::string CommandShell::Help() const
-{
-    std::string text = "help\n";
-    for (const Command& command : _commands) {
-        text += command.usage + "\n";
-    }
-    return text;
-}
-
-std::optional<uint64_t> CommandShell::ParseNumber(const std::string& text, uint64_t max)
-{
-    if (text.empty() || text[0] == '-' || text[0] == '+') {
-        return std::nullopt;
-    }
-    try {
-        size_t used = 0;
-        const unsigned long long value = std::stoull(text, &used, 0);
-        if (used != text.size() || value > max) {
-            return std::nullopt;
-        }
-        return value;
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
+         [this](const Args& args) { return L2Commands::Notify(_sim, args, Output()); }},
+        {"l2-view", "l2-view", 0, 0, [this](const Args& args) { return L2Commands::View(_sim, args, Output()); }},
+    });
 }
 
 std::string CommandShell::SetHelloField(Hello& hello, const std::string& field, const std::string& value)
@@ -368,19 +307,13 @@ std::string CommandShell::Status(const Args&)
 {
     const Recording recording = _sim.Snapshot();
     for (const ConnectionRecord& connection : recording.connections) {
-        _output += connection.ToString() + "\n";
+        Output() += connection.ToString() + "\n";
     }
     const auto current = _sim.CurrentConnection();
-    _output += "connections " + std::to_string(recording.connections.size()) + " messages " +
-               std::to_string(recording.messages.size()) + " violations " +
-               std::to_string(recording.violations.size()) + " current " +
-               (current ? std::to_string(*current) : std::string("none")) + "\n";
-    return "";
-}
-
-std::string CommandShell::Quit(const Args&)
-{
-    _quit = true;
+    Output() += "connections " + std::to_string(recording.connections.size()) + " messages " +
+                std::to_string(recording.messages.size()) + " violations " +
+                std::to_string(recording.violations.size()) + " current " +
+                (current ? std::to_string(*current) : std::string("none")) + "\n";
     return "";
 }
 

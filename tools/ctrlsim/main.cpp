@@ -4,28 +4,15 @@
 // Ends on "quit", SIGINT or SIGTERM; the end of standard input does not end it.
 
 #include <getopt.h>
-#include <signal.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <iostream>
-#include <mutex>
 #include <string>
-#include <thread>
 
 #include "CommandShell.h"
 #include "ControllerSim.h"
+#include "SimulatorMain.h"
 
 namespace {
-
-std::mutex g_stdoutMutex;
-
-void Print(const std::string& text)
-{
-    std::lock_guard<std::mutex> lock(g_stdoutMutex);
-    fputs(text.c_str(), stdout);
-    fflush(stdout);
-}
 
 void Usage(const char* program)
 {
@@ -132,43 +119,18 @@ int main(int argc, char** argv)
         }
     }
 
-    // SIGINT and SIGTERM are taken by sigwait below; the threads started from
-    // here on inherit the mask.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-
     CtrlSim::ControllerSim sim(options);
     sim.Core().SetHello(hello);
     sim.Core().SetHelloMode(helloMode);
     sim.Core().SetKeepAlivePeriod(keepAlivePeriod);
     sim.Core().SetKeepAliveEnabled(keepAlive);
-    sim.SetEventLog([](const std::string& line) { Print(line + "\n"); });
-    try {
-        sim.Start();
-    } catch (const std::exception& e) {
-        fprintf(stderr, "%s: %s\n", argv[0], e.what());
-        return 1;
-    }
-    Print("listening " + sim.Address() + ":" + std::to_string(sim.Port()) + "\n");
-
-    // Blocked in a read until the process ends, so it is left behind.
-    std::thread([&sim] {
-        CtrlSim::CommandShell shell(sim);
-        for (std::string line; std::getline(std::cin, line);) {
-            Print(shell.Execute(line));
-            if (shell.QuitRequested()) {
-                kill(getpid(), SIGTERM);
-                return;
-            }
-        }
-    }).detach();
-
-    int signum = 0;
-    sigwait(&stopSignals, &signum);
-    sim.Stop();
-    return 0;
+    sim.SetEventLog([](const std::string& line) { SimShell::Print(line + "\n"); });
+    CtrlSim::CommandShell shell(sim);
+    return SimShell::RunSimulator(
+        argv[0],
+        [&sim] {
+            sim.Start();
+            return "listening " + sim.Address() + ":" + std::to_string(sim.Port());
+        },
+        shell, [&sim] { sim.Stop(); });
 }

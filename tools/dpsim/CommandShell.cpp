@@ -2,7 +2,9 @@
 
 #include <arpa/inet.h>
 
+#include <cstdio>
 #include <sstream>
+#include <vector>
 
 #include "DataPathSim.h"
 
@@ -35,7 +37,7 @@ std::optional<std::vector<T>> ParseList(const std::string& text, std::optional<T
 
 CommandShell::CommandShell(DataPathSim& sim) : _sim(sim)
 {
-    _commands = {
+    SetCommands({
         {"status", "status", 0, 0, [this](const Args& args) { return Status(args); }},
         {"view", "view", 0, 0, [this](const Args& args) { return View(args); }},
         {"fullsync", "fullsync   (send the first message: all local state)", 0, 0,
@@ -47,63 +49,7 @@ CommandShell::CommandShell(DataPathSim& sim) : _sim(sim)
          "l2 add|del <vni> vtep <ipv4> | vm-mac <mac> <vtep-ipv4> | vm-ip <ipv4> <mac>;  l2 leave <vni>", 2, 5,
          [this](const Args& args) { return L2(args); }},
         {"close", "close", 0, 0, [this](const Args& args) { return Close(args); }},
-        {"quit", "quit", 0, 0, [this](const Args& args) { return Quit(args); }},
-    };
-}
-
-std::string CommandShell::Execute(const std::string& line)
-{
-    std::istringstream in(line);
-    std::string name;
-    Args args;
-    in >> name;
-    for (std::string word; in >> word;) {
-        args.push_back(word);
-    }
-    if (name.empty()) {
-        return "";
-    }
-    if (name == "help") {
-        return Help() + "ok\n";
-    }
-    for (const Command& command : _commands) {
-        if (command.name != name) {
-            continue;
-        }
-        if (args.size() < command.minArgs || args.size() > command.maxArgs) {
-            return "error usage: " + command.usage + "\n";
-        }
-        _output.clear();
-        const std::string error = command.run(args);
-        return _output + (error.empty() ? "ok\n" : "error " + error + "\n");
-    }
-    return "error unknown command " + name + " (try help)\n";
-}
-
-std::string CommandShell::Help() const
-{
-    std::string text = "help\n";
-    for (const Command& command : _commands) {
-        text += command.usage + "\n";
-    }
-    return text;
-}
-
-std::optional<uint64_t> CommandShell::ParseNumber(const std::string& text, uint64_t max)
-{
-    if (text.empty() || text[0] == '-' || text[0] == '+') {
-        return std::nullopt;
-    }
-    try {
-        size_t used = 0;
-        const unsigned long long value = std::stoull(text, &used, 0);
-        if (used != text.size() || value > max) {
-            return std::nullopt;
-        }
-        return value;
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
+    });
 }
 
 std::optional<uint32_t> CommandShell::ParseIpv4(const std::string& text)
@@ -133,7 +79,7 @@ std::optional<uint64_t> CommandShell::ParseMac(const std::string& text)
 std::string CommandShell::LocalChange(const std::string& error)
 {
     if (error.empty() && !(_sim.IsConnected() && _sim.FirstMessageSent())) {
-        _output += "kept for the first message of a connection\n";
+        Output() += "kept for the first message of a connection\n";
     }
     return error;
 }
@@ -141,16 +87,16 @@ std::string CommandShell::LocalChange(const std::string& error)
 std::string CommandShell::Status(const Args&)
 {
     const DataPathView view = _sim.View();
-    _output += "connected " + std::string(_sim.IsConnected() ? "yes" : "no") + " accepted " +
-               std::to_string(_sim.AcceptedCount()) + " first-sent " + (_sim.FirstMessageSent() ? "yes" : "no") +
-               " messages " + std::to_string(_sim.Messages().size()) + " violations " +
-               std::to_string(_sim.Violations().size()) + "\n";
+    Output() += "connected " + std::string(_sim.IsConnected() ? "yes" : "no") + " accepted " +
+                std::to_string(_sim.AcceptedCount()) + " first-sent " + (_sim.FirstMessageSent() ? "yes" : "no") +
+                " messages " + std::to_string(_sim.Messages().size()) + " violations " +
+                std::to_string(_sim.Violations().size()) + "\n";
     return "";
 }
 
 std::string CommandShell::View(const Args&)
 {
-    _output += _sim.View().Describe();
+    Output() += _sim.View().Describe();
     return "";
 }
 
@@ -233,12 +179,6 @@ std::string CommandShell::L2(const Args& args)
 std::string CommandShell::Close(const Args&)
 {
     return _sim.CloseConnection() ? "" : "no connection";
-}
-
-std::string CommandShell::Quit(const Args&)
-{
-    _quit = true;
-    return "";
 }
 
 }  // namespace DpSim

@@ -4,29 +4,16 @@
 // "quit", SIGINT or SIGTERM; the end of standard input does not end it.
 
 #include <getopt.h>
-#include <signal.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
-#include <mutex>
 #include <string>
-#include <thread>
 
 #include "CommandShell.h"
 #include "DataPathSim.h"
+#include "SimulatorMain.h"
 
 namespace {
-
-std::mutex g_stdoutMutex;
-
-void Print(const std::string& text)
-{
-    std::lock_guard<std::mutex> lock(g_stdoutMutex);
-    fputs(text.c_str(), stdout);
-    fflush(stdout);
-}
 
 void Usage(const char* program)
 {
@@ -76,39 +63,14 @@ int main(int argc, char** argv)
         }
     }
 
-    // SIGINT and SIGTERM are taken by sigwait below; the threads started from
-    // here on inherit the mask.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-
     DpSim::DataPathSim sim(options);
-    sim.SetEventLog([](const std::string& line) { Print(line + "\n"); });
-    try {
-        sim.Start();
-    } catch (const std::exception& e) {
-        fprintf(stderr, "%s: %s\n", argv[0], e.what());
-        return 1;
-    }
-    Print("listening " + sim.Path() + "\n");
-
-    // Blocked in a read until the process ends, so it is left behind.
-    std::thread([&sim] {
-        DpSim::CommandShell shell(sim);
-        for (std::string line; std::getline(std::cin, line);) {
-            Print(shell.Execute(line));
-            if (shell.QuitRequested()) {
-                kill(getpid(), SIGTERM);
-                return;
-            }
-        }
-    }).detach();
-
-    int signum = 0;
-    sigwait(&stopSignals, &signum);
-    sim.Stop();
-    return 0;
+    sim.SetEventLog([](const std::string& line) { SimShell::Print(line + "\n"); });
+    DpSim::CommandShell shell(sim);
+    return SimShell::RunSimulator(
+        argv[0],
+        [&sim] {
+            sim.Start();
+            return "listening " + sim.Path();
+        },
+        shell, [&sim] { sim.Stop(); });
 }
