@@ -212,6 +212,8 @@ class DpDomainTest : public testing::Test {
 protected:
     void TearDown() override
     {
+        // The counter must not look at an adapter that is gone.
+        g_vifs->adapter = nullptr;
         // The adapter first: its link goes without telling anyone, where a
         // loss of the agent would end the process.
         _adapter.reset();
@@ -233,7 +235,6 @@ protected:
                 Cache().GetRemoteSessionTable()->RemoveSession(session.sessionType, session.index);
             }
         }
-        g_vifs->adapter = nullptr;
         ZUNChannel::IoService::Get()->poll();
         ZUNChannel::IoService::Get()->restart();
         _sim.reset();
