@@ -64,14 +64,24 @@ protected:
     }
 };
 
-TEST_F(AsyncTimerTest, StartedTwiceWaitsOnceAndCallsWithItsArgument)
+TEST_F(AsyncTimerTest, RestartWithTheFirstExpiryQueuedCallsBackOnceForTheSecond)
 {
     boost::intrusive_ptr<Owner> owner(new Owner());
     auto timer = AsyncTimer<Owner>::Create(owner.get(), &Owner::Fire);
-    timer->Start(20000);
-    timer->Start(20000);
+    std::future<void> io;
+    {
+        GlobalLockGuard lock;
+        timer->Start(0);
+        // The first expiry completes on another thread and waits for the lock we hold.
+        io = std::async(std::launch::async, [&] { RunUntil([&] { return owner->fired > 0; }, 2s); });
+        std::this_thread::sleep_for(100ms);
+        timer->Start(50000);
+    }
+    // The queued first expiry must not call back; the second does, once.
+    EXPECT_TRUE(timer->IsPending());
+    EXPECT_EQ(0, owner->fired);
+    io.wait();
     ASSERT_TRUE(RunUntil([&] { return owner->fired > 0; }, 2s));
-    // Give a second wait, had there been one, the time to fire too.
     RunUntil([] { return false; }, 100ms);
     EXPECT_EQ(1, owner->fired);
     EXPECT_FALSE(timer->IsPending());
