@@ -105,9 +105,10 @@ TEST_F(StartupTest, MissingRequiredSubtreeEndsThroughTheUncaughtException)
     }
 }
 
-TEST_F(StartupTest, ThreadCountsBelowOnePanic)
+TEST_F(StartupTest, ThreadCountsBelowOneOrNotNumbersPanic)
 {
-    for (auto counts : {std::make_pair("0", "4"), std::make_pair("2", "0"), std::make_pair("-3", "4")}) {
+    for (auto counts : {std::make_pair("0", "4"), std::make_pair("2", "0"), std::make_pair("-3", "4"),
+                        std::make_pair("two", "4"), std::make_pair("2", "8x")}) {
         MainConfigXml config = RunnableConfig();
         config.ioThreads = counts.first;
         config.workThreads = counts.second;

@@ -36,6 +36,18 @@ namespace {
 
 std::vector<boost::intrusive_ptr<ZUNChannel::IOWorker>> s_ioWorkers;
 
+// A thread count from the main configuration: `fallback` when the key is
+// absent, and 0 (refused like any count below 1) when its text is not a number,
+// so that a typo stops the start instead of quietly becoming the default.
+int ThreadCount(const boost::property_tree::ptree& tree, const char* path, int fallback)
+{
+    const boost::optional<const boost::property_tree::ptree&> node = tree.get_child_optional(path);
+    if (!node) {
+        return fallback;
+    }
+    return node->get_value_optional<int>().value_or(0);
+}
+
 }  // namespace
 
 bool Startup::ParseOptions(int argc, char** argv)
@@ -61,9 +73,9 @@ bool Startup::ParseOptions(int argc, char** argv)
 void Startup::ApplyMainConfig()
 {
     const boost::property_tree::ptree& tree = MainConfig::Tree();
-    const int ioThreads = tree.get<int>("config.fenrel.workGroup.ioThreads",
-                                        static_cast<int>(boost::thread::hardware_concurrency()));
-    const int workThreads = tree.get<int>("config.fenrel.workGroup.workThreads", 32);
+    const int ioThreads = ThreadCount(tree, "config.fenrel.workGroup.ioThreads",
+                                      static_cast<int>(boost::thread::hardware_concurrency()));
+    const int workThreads = ThreadCount(tree, "config.fenrel.workGroup.workThreads", 32);
     // Counts below 1 are refused by the configuration module's assertion.
     ZUNChannel::Configuration::SetThreads(static_cast<uint32_t>(std::max(ioThreads, 0)),
                                           static_cast<uint32_t>(std::max(workThreads, 0)));
