@@ -21,7 +21,8 @@ namespace {
 
 // A dead syslog server costs one write attempt per period; lines in between are lost.
 constexpr std::chrono::seconds kUdpRetryPeriod(3);
-constexpr size_t kMaxConfigLine = 256;
+// At most 256 characters a line, plus the terminating NUL that fgets adds.
+constexpr size_t kMaxConfigLine = 256 + 1;
 
 std::string ReadHostName()
 {
