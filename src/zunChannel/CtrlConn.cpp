@@ -93,9 +93,21 @@ void CtrlConn::Stop()
     // A buffer still being written is freed by the write's completion.
 }
 
+void CtrlConn::SetConfig(const ConnConfig& config)
+{
+    _config = config;
+    if (!_listShare) {
+        _listShare = true;
+        AddUser();
+    }
+}
+
 void CtrlConn::UnsetConfig()
 {
+    // A second share given up would take one of an application's.
+    ASSERT(_listShare);
     _config = ConnConfig();
+    _listShare = false;
     RemoveUser();
 }
 

@@ -53,9 +53,13 @@ public:
     // The scheduler's write: one frame at a time.
     bool WriteMsg(uint8_t* buffer, uint32_t size) override;
 
-    void SetConfig(const ConnConfig& config) { _config = config; }
-    // Clears the configuration and gives up the controller list's user share.
+    // The controller list holds one share of the users while the controller
+    // is in it. UnsetConfig clears the configuration and gives that share up
+    // (only while held); SetConfig takes it back for a controller that returns
+    // to the list.
+    void SetConfig(const ConnConfig& config);
     void UnsetConfig();
+    bool HoldsListShare() const { return _listShare; }
     const ConnConfig& GetConfig() const { return _config; }
     void SetControllerUuid(const UUID& uuid) { _controllerUuid = uuid; }
     const UUID& GetControllerUuid() const { return _controllerUuid; }
@@ -118,6 +122,7 @@ private:
     uint32_t _helloFlags = 0;
     uint32_t _rxMsgCount = 0;
     int32_t _users = 1;
+    bool _listShare = true;  // one of `_users` is the controller list's
     uint32_t _lastLocalPort = 0;
     std::string _lastLocalAddr;
     std::shared_ptr<Session> _session;

@@ -166,6 +166,11 @@ void CtrlConnPool::UpdateControllers(const std::vector<ConnConfig>& list)
             ++it;
             continue;
         }
+        if (!conn->HoldsListShare()) {
+            // An earlier list already left it out; only its applications hold it.
+            ++it;
+            continue;
+        }
         FLOG_INFO("need to disconnect controller %1, it is not in the new controller list", it->first);
         conn->UnsetConfig();
         if (conn->GetUsers() > 0) {

@@ -32,8 +32,10 @@ class CtrlConn;
 // and the last failure of each connection for display.
 //
 // A connection's user count starts at 1, the share of the controller list;
-// each registration adds one. It goes when the count reaches zero: when its
-// controller left the list and no application uses it any more.
+// each registration adds one. The list gives its share up once when the
+// controller leaves it, and takes it back if the controller returns while the
+// connection is still held. The connection goes when the count reaches zero:
+// when its controller left the list and no application uses it any more.
 //
 // Everything runs under the global lock.
 class CtrlConnPool : public RefCounter<CtrlConnPool> {

@@ -82,12 +82,22 @@ TEST_F(CtrlConnPoolTest, ControllerListChangesFollowEachConnection)
     EXPECT_EQ(3, shared->GetUsers());
 
     // A changed port is taken over; a removed controller gives up the list's
-    // share and stays while applications still use it.
-    Configuration::SetConnList({Controller("10.0.0.1", 4321)});
+    // share, once however many lists leave it out, and stays while
+    // applications still use it.
+    for (int reload = 0; reload < 3; ++reload) {
+        Configuration::SetConnList({Controller("10.0.0.1", 4321)});
+    }
     EXPECT_EQ(4321, kept->GetConfig().port);
     ASSERT_EQ(shared, Conn("10.0.0.2"));
     EXPECT_EQ(2, shared->GetUsers());
     EXPECT_EQ("", shared->GetConfig().server);
+
+    // Back in the list, it takes the share back; out again, it gives it up.
+    Configuration::SetConnList({Controller("10.0.0.1", 4321), Controller("10.0.0.2", 1234)});
+    EXPECT_EQ("10.0.0.2", shared->GetConfig().server);
+    EXPECT_EQ(3, shared->GetUsers());
+    Configuration::SetConnList({Controller("10.0.0.1", 4321)});
+    EXPECT_EQ(2, shared->GetUsers());
 
     EXPECT_TRUE(pool->UnregisterConn(ConnKey("10.0.0.2", 0), _first->GetKey()));
     EXPECT_TRUE(pool->UnregisterConn(ConnKey("10.0.0.2", 0), _second->GetKey()));
