@@ -60,7 +60,7 @@ public:
     AsyncTimer(const AsyncTimer&) = delete;
     AsyncTimer& operator=(const AsyncTimer&) = delete;
 
-    void Start(int32_t intervalMicroseconds)
+    void Start(int64_t intervalMicroseconds)
     {
         _cancelled = false;
         try {
@@ -118,7 +118,7 @@ private:
                     static_cast<const void*>(owner));
     }
 
-    static std::chrono::steady_clock::time_point Deadline(int32_t intervalMicroseconds)
+    static std::chrono::steady_clock::time_point Deadline(int64_t intervalMicroseconds)
     {
         using Clock = std::chrono::steady_clock;
         const Clock::time_point now = Clock::now();

@@ -220,7 +220,8 @@ void CoreApp::HandleHello(const uint8_t* message, uint32_t size, const ConnKey& 
     if (keepAliveInterval != pool->GetKeepAliveInterval()) {
         FLOG_VERBOSE("%1: reset keepAlive timer", _name);
         pool->SetKeepAliveInterval(keepAliveInterval);
-        _keepAliveCheckIntervalUs = static_cast<int32_t>(keepAliveInterval * 1000000 / _keepAliveCheckDiv);
+        // Up to 65535 s: a quarter of that in microseconds needs 64 bits.
+        _keepAliveCheckIntervalUs = int64_t{keepAliveInterval} * 1000000 / _keepAliveCheckDiv;
         if (_checkConnectionTimer) {
             _checkConnectionTimer->Cancel();
             _checkConnectionTimer->Start(_keepAliveCheckIntervalUs);

@@ -56,14 +56,14 @@ public:
 
     // One keep-alive sweep over the pool; the timer's callback.
     void CheckKeepAlive();
-    int32_t GetKeepAliveCheckIntervalUs() const { return _keepAliveCheckIntervalUs; }
+    int64_t GetKeepAliveCheckIntervalUs() const { return _keepAliveCheckIntervalUs; }
 
 private:
     CoreApp();
     void HandleHello(const uint8_t* message, uint32_t size, const ConnKey& key);
     void ReadyStep(const ConnKey& key);
 
-    int32_t _keepAliveCheckIntervalUs = kInitialCheckIntervalUs;
+    int64_t _keepAliveCheckIntervalUs = kInitialCheckIntervalUs;
     uint32_t _keepAliveCheckDiv = kKeepAliveCheckDiv;
     std::shared_ptr<AsyncTimer<CoreApp>> _checkConnectionTimer;
 };

@@ -130,6 +130,13 @@ TEST_F(CoreAppTest, WholeHelloAppliesInOneGo)
     // The hello was received, but ours never went out: not ready.
     EXPECT_EQ(CtrlConn::kHelloReceived, _conn->GetHelloFlags());
     EXPECT_TRUE(_app->events.empty());
+
+    // The longest interval a controller can ask for restarts the sweep at a
+    // quarter of 65535 s.
+    CoreApp::Get()->Start();
+    Receive(Hello(Tlv(3, {0xFF, 0xFF})));
+    EXPECT_EQ(65535, CtrlConnPool::Get()->GetKeepAliveInterval());
+    EXPECT_EQ(16383750000, CoreApp::Get()->GetKeepAliveCheckIntervalUs());
 }
 
 struct RefusedHello {
