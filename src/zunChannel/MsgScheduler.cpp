@@ -65,12 +65,13 @@ bool MsgScheduler::Enqueue(uint8_t* buffer)
 {
     QueueLock lock(_queueMutex);
     bool queued = false;
+    bool full = false;
     if (!_enabled) {
         // refused: the connection is down
     } else if (!IsFullLocked()) {
         queued = true;
     } else if (!_blockOnFull) {
-        FLOG_ERROR("Msg Queue is full!").AddTag("errorCode:LCP00008");
+        full = true;
     } else {
         ++_blockedWriters;
         while (IsFullLocked() && !_closing) {
@@ -83,7 +84,11 @@ bool MsgScheduler::Enqueue(uint8_t* buffer)
         }
     }
     if (!queued) {
+        // The log's sink may do I/O: not under the queue mutex.
         lock.unlock();
+        if (full) {
+            FLOG_ERROR("Msg Queue is full!").AddTag("errorCode:LCP00008");
+        }
         FLOG_VERBOSE("Failed to queue message!");
         return false;
     }

@@ -28,6 +28,9 @@ namespace ZUNChannel {
 // _queueMutex, never held across a call out; everything else runs under the
 // global lock (Kick and Stop assert it). Frames are malloc'ed buffers owned by
 // the queue until handed to the writer.
+//
+// Nothing ever waits for a frame: Kick returns on an empty queue, and the next
+// Enqueue or refill kicks again. Only a producer can wait, on a full queue.
 class MsgScheduler : public RefCounter<MsgScheduler> {
 public:
     static constexpr uint32_t kUnlimited = 0xFFFFFFFF;
