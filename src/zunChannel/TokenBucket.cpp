@@ -1,6 +1,7 @@
 #include "TokenBucket.h"
 
 #include <algorithm>
+#include <limits>
 
 #include "GlobalLock.h"
 #include "Logger.h"
@@ -47,7 +48,10 @@ void TokenBucket::SetRate(uint32_t rate)
 {
     Lock lock(_mutex);
     _rate = std::max(rate, kMinRate);
-    _capacity = 2 * _rate;
+    // Twice a rate of 2^31 or more does not fit in 32 bits: saturate, as a
+    // wrapped capacity could be 0 and would stop the connection for good.
+    _capacity = static_cast<uint32_t>(
+        std::min<uint64_t>(2 * static_cast<uint64_t>(_rate), std::numeric_limits<uint32_t>::max()));
     _tokens = std::min(_tokens, _capacity);
 }
 

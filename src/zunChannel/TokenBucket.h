@@ -41,7 +41,8 @@ public:
     // Adds `n` tokens, up to the capacity.
     void Refill(uint32_t n);
     // A rate below 10 becomes 10, so that each refill brings at least one
-    // token; the capacity is twice the rate, and the tokens are cut to it.
+    // token; the capacity is twice the rate (at most 2^32 - 1), and the
+    // tokens are cut to it.
     void SetRate(uint32_t rate);
     uint32_t GetRate() const;
     uint32_t GetTokens() const;

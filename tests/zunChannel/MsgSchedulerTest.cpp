@@ -150,7 +150,9 @@ TEST_P(TokenRateTest, TenRefillsSendRateOverTenFramesEach)
 
 INSTANTIATE_TEST_SUITE_P(Rates, TokenRateTest,
                          testing::Values(RateCase{15, 15, 10}, RateCase{19, 19, 10}, RateCase{20, 20, 20},
-                                         RateCase{9, 10, 10}, RateCase{0, 10, 10}, RateCase{200, 200, 200}));
+                                         RateCase{9, 10, 10}, RateCase{0, 10, 10}, RateCase{200, 200, 200},
+                                         // twice this rate does not fit in 32 bits
+                                         RateCase{0x80000000, 0x80000000, 600}));
 
 TEST(TokenBucketTest, ConsumeRefillAndRateChanges)
 {
