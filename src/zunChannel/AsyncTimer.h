@@ -101,6 +101,8 @@ public:
     }
 
     bool IsPending() const { return _pending; }
+    // When the last Start's wait ends.
+    std::chrono::steady_clock::time_point GetExpiry() const { return _timer.expiry(); }
     bool IsCancelled() const { return _cancelled; }
     bool IsStopped() const { return _stopped; }
 

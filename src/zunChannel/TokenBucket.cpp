@@ -97,4 +97,9 @@ void TokenBucket::Stop()
     }
 }
 
+std::chrono::steady_clock::time_point TokenBucket::GetNextRefill() const
+{
+    return _refillTimer ? _refillTimer->GetExpiry() : std::chrono::steady_clock::time_point::max();
+}
+
 }  // namespace ZUNChannel

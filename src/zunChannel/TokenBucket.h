@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 
@@ -53,6 +54,8 @@ public:
     void OnRefillTimer();
     // Drops the scheduler and ends the refills: the scheduler is stopping.
     void Stop();
+    // When the armed refill is due; the clock's maximum once stopped.
+    std::chrono::steady_clock::time_point GetNextRefill() const;
 
 private:
     TokenBucket() = default;

@@ -294,14 +294,32 @@ TEST_F(MsgSchedulerTest, DrainReleasesAnEnqueueBlockedOnAFullQueue)
     EXPECT_TRUE(_scheduler->IsEmpty());
 }
 
+// The refill is armed 100 ms ahead when the bucket is made and again by each
+// refill; the armed timer's expiry is what refills and kicks.
 TEST_F(MsgSchedulerTest, RefillTimerKicksEveryHundredMilliseconds)
 {
+    using Clock = std::chrono::steady_clock;
+    constexpr auto kPeriod = std::chrono::milliseconds(100);
+    const Clock::time_point beforeMake = Clock::now();
+    Make(MsgScheduler::kUnlimited, false);
+    const Clock::time_point afterMake = Clock::now();
+    boost::intrusive_ptr<TokenBucket> bucket = _scheduler->GetTokenBucket();
+    EXPECT_GE(bucket->GetNextRefill(), beforeMake + kPeriod);
+    EXPECT_LE(bucket->GetNextRefill(), afterMake + kPeriod);
+
     _scheduler->SetMsgRate(10);  // one token per refill
     EnqueueFrames(2);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (_writer->written.size() < 2 && std::chrono::steady_clock::now() < deadline) {
-        _io.run_one_for(std::chrono::milliseconds(500));
-        _writer->CompleteAll();
+    const Clock::time_point beforeRefill = Clock::now();
+    bucket->OnRefillTimer();
+    const Clock::time_point afterRefill = Clock::now();
+    EXPECT_EQ(1u, _writer->written.size());
+    EXPECT_GE(bucket->GetNextRefill(), beforeRefill + kPeriod);
+    EXPECT_LE(bucket->GetNextRefill(), afterRefill + kPeriod);
+
+    _writer->CompleteAll();
+    _io.restart();  // Make ran it out of work
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
+    while (_writer->written.size() < 2 && _io.run_one_until(deadline) > 0) {
     }
     EXPECT_EQ(2u, _writer->written.size());
 }
