@@ -1,7 +1,10 @@
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -205,13 +208,22 @@ TEST_F(ChannelTest, ConnectionFailuresAreToldApart)
 TEST_F(ChannelTest, MissingCertificatesAndRefusalsHaveTheirOwnStatus)
 {
     auto& tls = StartSim(true);
-    Connect(tls, true, "", true);
-    EXPECT_TRUE(WaitForStatus("incomplete_controller_cert", 10s));
-    {
+    const auto forget = [&] {
         GlobalLockGuard lock;
         CtrlConnPool::Get()->UnregisterConn(_key, _app->GetKey());
         Configuration::SetConnList({});
+    };
+    {
+        GlobalLockGuard lock;
+        Configuration::SetHostCertFiles(_dir.Path() + "/no-key.pem", _dir.Path() + "/no-cert.pem");
     }
+    Connect(tls, true, _controllerCert.certPem, false);
+    EXPECT_TRUE(WaitForStatus("incomplete_host_cert", 10s));
+    forget();
+
+    Connect(tls, true, "", true);
+    EXPECT_TRUE(WaitForStatus("incomplete_controller_cert", 10s));
+    forget();
     auto& plain = StartSim(false, "127.0.0.2");
     plain.SetAcceptMode(CtrlSim::ControllerSim::AcceptMode::NotListening);
     Connect(plain, false, "", false);
@@ -254,35 +266,91 @@ TEST_F(ChannelTest, AgentSendsKeepAlivesWhenItHasNothingElseToSay)
     EXPECT_TRUE(sim.Violations().empty()) << sim.Summary();
 }
 
-struct BadFrame {
+TEST_F(ChannelTest, ControllerOfANewerVersionIsNeverReadyAndIsResetAfterThreeIntervals)
+{
+    auto& sim = StartSim(false);
+    auto hello = CtrlSim::Hello::ControllerDefault();
+    hello.version = 2;
+    sim.Core().SetHello(hello);
+    sim.Core().SetKeepAliveEnabled(false);
+    {
+        // The test runs the keep-alive sweeps itself.
+        GlobalLockGuard lock;
+        CoreApp::Get()->Stop();
+    }
+    Connect(sim, false, "");
+    boost::intrusive_ptr<CtrlConn> conn;
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            GlobalLockGuard lock;
+            conn = CtrlConnPool::Get()->FindConn(_key);
+            return conn && conn->GetRxMsgCount() == 1;
+        },
+        10s, "the controller's hello", [&] { return sim.Summary(); }));
+    {
+        GlobalLockGuard lock;
+        // Eleven sweeps are less than three intervals of four.
+        for (int sweep = 0; sweep < 11; ++sweep) {
+            CoreApp::Get()->CheckKeepAlive();
+        }
+        EXPECT_EQ("", Status());
+        EXPECT_EQ(CtrlConn::kHelloSent, conn->GetHelloFlags());
+        CoreApp::Get()->CheckKeepAlive();
+        EXPECT_EQ("keep_alive_timeout", Status());
+    }
+    ASSERT_TRUE(sim.WaitForClosed(0, 10s)) << sim.Summary();
+    // Silent for a whole interval and more, but never ready: no keep-alive.
+    const auto messages = sim.Messages();
+    EXPECT_EQ(0, std::count_if(messages.begin(), messages.end(),
+                               CtrlSim::ControllerSim::MessageOf(CtrlSim::MsgType::KeepAlive, 0)))
+        << sim.Summary();
+    GlobalLockGuard lock;
+    EXPECT_EQ(_app->events.end(), std::find(_app->events.begin(), _app->events.end(), "ready"));
+}
+
+struct PeerFault {
     const char* name;
-    std::vector<uint8_t> bytes;
+    std::function<bool(CtrlSim::ControllerSim&)> inflict;
     const char* status;
 };
 
-class BadFrameTest : public ChannelTest, public testing::WithParamInterface<BadFrame> {};
+PeerFault BadFrame(const char* name, const CtrlSim::Bytes& bytes, const char* status)
+{
+    return PeerFault{name, [bytes](CtrlSim::ControllerSim& sim) { return sim.SendRaw(bytes); }, status};
+}
 
-TEST_P(BadFrameTest, ResetsAndReconnects)
+void PrintTo(const PeerFault& fault, std::ostream* out)
+{
+    *out << fault.name;
+}
+
+class PeerFaultTest : public ChannelTest, public testing::WithParamInterface<PeerFault> {};
+
+TEST_P(PeerFaultTest, ResetsAndReconnects)
 {
     auto& sim = StartSim(false);
     Connect(sim, false, "");
     ASSERT_TRUE(WaitForReady(10s));
-    ASSERT_TRUE(sim.SendRaw(GetParam().bytes));
+    ASSERT_TRUE(GetParam().inflict(sim));
     EXPECT_TRUE(WaitForStatus(GetParam().status, 10s));
     EXPECT_TRUE(sim.WaitForUp(1, 10s)) << sim.Summary();
     EXPECT_TRUE(WaitForReady(10s));
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Frames, BadFrameTest,
-    testing::Values(BadFrame{"WrongMarker",
-                             {1, 0xBA, 0xDB, 0xEF, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0, 2, 0, 15, 0, 0},
-                             "other_error: received wrong marker"},
+    Faults, PeerFaultTest,
+    testing::Values(BadFrame("WrongMarker", {1, 0xBA, 0xDB, 0xEF, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0, 2, 0, 15, 0, 0},
+                             "other_error: received wrong marker"),
                     // 4097 bytes against the default frame limit of 4096.
-                    BadFrame{"Overlong",
-                             {1, 0xBA, 0xDB, 0xEE, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0, 7, 0x10, 0x01, 0, 0},
-                             "other_error: received wrong message length"}),
-    [](const testing::TestParamInfo<BadFrame>& info) { return info.param.name; });
+                    BadFrame("Overlong", {1, 0xBA, 0xDB, 0xEE, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0, 7, 0x10, 0x01, 0, 0},
+                             "other_error: received wrong message length"),
+                    PeerFault{"ShutDownByPeer",
+                              [](CtrlSim::ControllerSim& sim) { return sim.CloseConnection(); },
+                              "other_error: receiving message failed"},
+                    PeerFault{"ResetByPeer",
+                              [](CtrlSim::ControllerSim& sim) { return sim.CloseConnection(std::nullopt, true); },
+                              "other_ssl_error: Connection reset by peer"}),
+    [](const testing::TestParamInfo<PeerFault>& info) { return info.param.name; });
 
 TEST_F(ChannelTest, FailedAttemptsRetryEveryFiveSeconds)
 {
@@ -299,11 +367,23 @@ TEST_F(ChannelTest, FailedAttemptsRetryEveryFiveSeconds)
     EXPECT_EQ("controller_rejected_host_cert", Status());
 }
 
-TEST_F(ChannelTest, FragmentedMessageArrivesWhole)
+TEST_F(ChannelTest, FragmentedMessageArrivesWholeAndAStrayOneIsDropped)
 {
     auto& sim = StartSim(false);
+    sim.Core().SetKeepAliveEnabled(false);
     Connect(sim, false, "");
     ASSERT_TRUE(WaitForReady(10s));
+    uint32_t countBefore = 0;
+    {
+        GlobalLockGuard lock;
+        countBefore = CtrlConnPool::Get()->FindConn(_key)->GetRxMsgCount();
+    }
+    // No application owns this protocolID: counted, dropped, nothing else.
+    CtrlSim::OutMessage stray;
+    stray.type = CtrlSim::MsgType::AppData;
+    stray.protocolId = kTestAppId + 1;
+    stray.body = {1, 2, 3};
+    ASSERT_TRUE(sim.SendMessage(stray));
     CtrlSim::OutMessage big;
     big.type = CtrlSim::MsgType::AppData;
     big.protocolId = kTestAppId;
@@ -320,6 +400,9 @@ TEST_F(ChannelTest, FragmentedMessageArrivesWhole)
         },
         10s, "the message at the test app"));
     GlobalLockGuard lock;
+    EXPECT_EQ(countBefore + 2, CtrlConnPool::Get()->FindConn(_key)->GetRxMsgCount());
+    EXPECT_TRUE(CtrlConnPool::Get()->IsConnected(_key));
+    ASSERT_EQ(1u, _app->messages.size());
     const std::vector<uint8_t>& got = _app->messages.front();
     ASSERT_EQ(70000u, got.size());
     // The 16-bit length of a reassembled message is truncated; its size is not.

@@ -393,12 +393,16 @@ bool ControllerSim::SendHello(std::optional<size_t> connection)
     return sent;
 }
 
-bool ControllerSim::CloseConnection(std::optional<size_t> connection)
+bool ControllerSim::CloseConnection(std::optional<size_t> connection, bool reset)
 {
     bool closed = false;
     RunOnIo([&] {
         if (const auto target = FindUp(connection)) {
-            target->Close("closed by simulator");
+            if (reset) {
+                target->Abort("reset by simulator");
+            } else {
+                target->Close("closed by simulator");
+            }
             closed = true;
         }
     });

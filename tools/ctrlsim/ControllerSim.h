@@ -104,8 +104,9 @@ public:
     bool SendMessage(const OutMessage& msg, std::optional<size_t> connection = std::nullopt);
     bool SendRaw(const Bytes& bytes, std::optional<size_t> connection = std::nullopt);
     bool SendHello(std::optional<size_t> connection = std::nullopt);
-    // Closes at once; what is still queued is dropped.
-    bool CloseConnection(std::optional<size_t> connection = std::nullopt);
+    // Closes at once; what is still queued is dropped. `reset`: with a TCP
+    // reset instead of the orderly shutdown.
+    bool CloseConnection(std::optional<size_t> connection = std::nullopt, bool reset = false);
     void SetAcceptMode(AcceptMode mode);
     std::optional<size_t> CurrentConnection() const;
 

@@ -179,6 +179,16 @@ void SimConnection::OnWrite(const boost::system::error_code& error)
 
 void SimConnection::Close(const std::string& reason)
 {
+    End(reason, true);
+}
+
+void SimConnection::Abort(const std::string& reason)
+{
+    End(reason, false);
+}
+
+void SimConnection::End(const std::string& reason, bool orderly)
+{
     if (_closed) {
         return;
     }
@@ -189,7 +199,12 @@ void SimConnection::Close(const std::string& reason)
     _timers.clear();
     // The queue stays: a write still in flight refers to its front.
     boost::system::error_code ignored;
-    Lowest().shutdown(Socket::shutdown_both, ignored);
+    if (orderly) {
+        Lowest().shutdown(Socket::shutdown_both, ignored);
+    } else {
+        // No FIN: closing with a zero linger sends a reset.
+        Lowest().set_option(Socket::linger(true, 0), ignored);
+    }
     Lowest().close(ignored);
     _owner.ConnectionClosed(_index, reason, std::chrono::steady_clock::now());
 }

@@ -41,12 +41,15 @@ public:
     void Send(const OutMessage& msg) override;
     void SendRaw(Bytes bytes) override;
     void Close(const std::string& reason) override;
+    // Closes with a TCP reset instead of the orderly shutdown.
+    void Abort(const std::string& reason);
     std::chrono::steady_clock::time_point LastSendTime() const override { return _lastSend; }
     void RunAfter(std::chrono::milliseconds delay, std::function<void()> action) override;
     void ReportViolation(const std::string& text) override;
 
 private:
     Socket& Lowest();
+    void End(const std::string& reason, bool orderly);
     void Up();
     void ReadSome();
     void OnRead(const boost::system::error_code& error, size_t size);
