@@ -1,5 +1,6 @@
 #include "AgentHarness.h"
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -73,6 +74,38 @@ DpSim::DataPathSim& AgentHarness::AddDataPath(bool autoFullSync)
     _dataPath = std::make_unique<DpSim::DataPathSim>(options);
     _dataPath->Start();
     return *_dataPath;
+}
+
+CtrlSim::ControllerSim* AgentHarness::SessionController()
+{
+    CtrlSim::ControllerSim* latest = nullptr;
+    CtrlSim::SteadyTime latestOpen{};
+    for (const auto& controller : _controllers) {
+        const auto messages = controller->Messages();
+        const auto open = std::find_if(messages.rbegin(), messages.rend(), [](const CtrlSim::RecordedMessage& msg) {
+            return msg.Is(CtrlSim::MsgType::SessionControl, CtrlSim::SessionHandler::ProtocolId) && !msg.body.empty() &&
+                   msg.body[0] == CtrlSim::SessionHandler::Open;
+        });
+        if (open != messages.rend() && (latest == nullptr || open->received > latestOpen)) {
+            latest = controller.get();
+            latestOpen = open->received;
+        }
+    }
+    return latest;
+}
+
+testing::AssertionResult AgentHarness::MoveSession(CtrlSim::ControllerSim& from, CtrlSim::ControllerSim& to,
+                                                   std::chrono::milliseconds timeout)
+{
+    const size_t ends = to.Config().State().fullSyncEnds;
+    if (!from.SendMessage(CtrlSim::SessionHandler::MasterUpdate(to.Address(), from.Session().LastSessionId()))) {
+        return testing::AssertionFailure() << from.Address() << " has no connection up\n" << from.Summary();
+    }
+    if (!to.Config().WaitUntil([ends](const CtrlSim::ConfigHandler::HostState& s) { return s.fullSyncEnds > ends; },
+                               timeout)) {
+        return testing::AssertionFailure() << "no full sync with " << to.Address() << "\n" << to.Summary();
+    }
+    return testing::AssertionSuccess();
 }
 
 MainConfigXml AgentHarness::FullConfig()

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "ControllerSim.h"
 #include "DaemonProcess.h"
 #include "DataPathSim.h"
@@ -42,6 +44,15 @@ public:
     // The simulated data-path agent on the daemon's default socket path.
     DpSim::DataPathSim& AddDataPath(bool autoFullSync);
     DpSim::DataPathSim& DataPath() { return *_dataPath; }
+
+    // The controller that holds the host's session: the one that got the
+    // latest Open; null before any.
+    CtrlSim::ControllerSim* SessionController();
+    // Has `from`, which holds the host's session, name `to` as the master
+    // controller, and waits until the session's full sync has run with `to`.
+    // The connection to `from` stays: the controller list keeps its share.
+    testing::AssertionResult MoveSession(CtrlSim::ControllerSim& from, CtrlSim::ControllerSim& to,
+                                         std::chrono::milliseconds timeout);
 
     // Writes the main configuration and starts the daemon.
     void Start(MainConfigXml config);
