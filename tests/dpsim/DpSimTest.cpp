@@ -2,9 +2,11 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "DataPathView.h"
 #include "DpFrame.h"
+#include "L2WireCounter.h"
 #include "LocalState.h"
 
 namespace DpSim {
@@ -170,6 +172,69 @@ TEST(L2ViewTest, DescribeListsTheFirstItemsOfEachTypeReadably)
     EXPECT_NE(std::string::npos, text.find("  VM_MAC 00:50:56:aa:00:00 at 192.168.0.2\n")) << text;
     EXPECT_EQ(std::string::npos, text.find("00:50:56:aa:00:08")) << text;
     EXPECT_NE(std::string::npos, text.find("  ... 2 more\n")) << text;
+}
+
+// Counting from the bytes gives the view that counting the parsed message
+// gives, and leaves to the parser what it is not made for.
+TEST(L2WireCounterTest, CountsAsTheParsedMessageCountsAndRefusesTheRest)
+{
+    LcpDpMsg msg;
+    msg.set_atomic_update_end(true);
+    msg.add_session_state()->set_vni(5001);
+    l2::L2UpdateMsg& update = *msg.mutable_l2_update();
+    auto mapping = [&](uint32_t vni, std::optional<int> type, std::vector<int> ops) {
+        l2::L2MappingUpdateMsg* added = update.add_mapping_update();
+        added->mutable_vn_instance()->set_vni(vni);
+        added->mutable_vn_instance()->set_transport_switch_id(vni + 1);
+        if (type) {
+            added->set_type(static_cast<l2::L2MappingUpdateMsg::Type>(*type));
+        }
+        for (size_t i = 0; i < ops.size(); ++i) {
+            l2::L2UpdateMappingItemMsg* item = added->add_items();
+            if (ops[i] != 0) {  // 0: no operation, which reads as ADD
+                item->set_op(static_cast<l2::L2UpdateMappingItemMsg::Operation>(ops[i]));
+            }
+            item->mutable_vm_mac()->mutable_vm_mac()->set_mac(i);
+        }
+    };
+    mapping(5001, std::nullopt, {1});                 // join
+    mapping(5001, l2::L2MappingUpdateMsg::VM_MAC, {1, 0, 1, 2});
+    mapping(5002, l2::L2MappingUpdateMsg::VTEP, {1});  // no join first
+    mapping(5003, std::nullopt, {1});
+    mapping(5003, std::nullopt, {2, 1});              // leave
+    mapping(5004, l2::L2MappingUpdateMsg::VM_IP, {2});
+    // Unknown numbers of type and op, which the parser sets aside.
+    l2::L2MappingUpdateMsg* unknown = update.add_mapping_update();
+    unknown->mutable_vn_instance()->set_vni(5005);
+    unknown->mutable_unknown_fields()->AddVarint(1, 9);
+    unknown->add_items()->mutable_unknown_fields()->AddVarint(1, 7);
+    std::string bytes = msg.SerializeAsString();
+
+    L2WireCounter counter;
+    ASSERT_TRUE(counter.Read(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()));
+    EXPECT_TRUE(counter.HasL2());
+    LcpDpMsg rest;
+    ASSERT_TRUE(rest.ParseFromString(counter.Rest()));
+    EXPECT_FALSE(rest.has_l2_update());
+    EXPECT_TRUE(rest.atomic_update_end());
+    EXPECT_EQ(1, rest.session_state_size());
+    DataPathView fromBytes;
+    fromBytes.SetL2CountOnly(true);
+    fromBytes.Apply(rest, false, counter.Mappings());
+    DataPathView parsed;
+    parsed.SetL2CountOnly(true);
+    parsed.Apply(msg, false);
+    EXPECT_EQ(parsed.Describe(), fromBytes.Describe());
+    EXPECT_EQ(2u, fromBytes.L2().ItemCount(5001, l2::L2MappingUpdateMsg::VM_MAC));
+    EXPECT_FALSE(fromBytes.L2().HasVni(5003));
+    EXPECT_TRUE(fromBytes.L2().HasVni(5005));  // no type: a join
+
+    update.add_routing_vtep_update()->add_items()->set_op(l2::L2UpdateRoutingVtepItemMsg::ADD);
+    bytes = msg.SerializeAsString();
+    EXPECT_FALSE(counter.Read(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()));
+    update.clear_routing_vtep_update();
+    bytes = msg.SerializeAsString();
+    EXPECT_FALSE(counter.Read(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size() - 1));
 }
 
 }  // namespace

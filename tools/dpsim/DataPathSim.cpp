@@ -17,6 +17,8 @@ namespace {
 
 using com::corvid::zun::lcp::LcpDpMsg;
 
+const std::vector<L2View::MappingCount> kNothingCounted;
+
 // "config 3 local 1 l2 sessions 2 end": which parts a message holds.
 std::string Parts(const LcpDpMsg& msg)
 {
@@ -229,6 +231,8 @@ void DataPathSim::ReadConnection()
         while (std::optional<DpFrame> frame = _reader.Next()) {
             Record(*frame);
         }
+        // Once for all the messages of this read: a waiter looks at them together.
+        _changed.notify_all();
         fault = _reader.Fault();
         if (!fault.empty()) {
             _violations.push_back("conn " + std::to_string(_currentConnection) + ": " + fault);
@@ -249,18 +253,28 @@ void DataPathSim::Record(const DpFrame& frame)
     record.flags = frame.flags;
     record.headerType = frame.type;
     record.length = frame.length;
-    record.parsed = record.msg.ParseFromArray(frame.body.data(), static_cast<int>(frame.body.size()));
     record.fullSync = !_firstReceived;
     _firstReceived = true;
+    // Counting, the L2 update is read from the bytes and the rest parsed.
+    const bool counted = _options.countL2Only && _counter.Read(frame.body.data(), frame.body.size());
+    if (counted) {
+        record.parsed = record.msg.ParseFromString(_counter.Rest());
+        if (_counter.HasL2()) {
+            record.msg.mutable_l2_update();
+        }
+    } else {
+        record.parsed = record.msg.ParseFromArray(frame.body.data(), static_cast<int>(frame.body.size()));
+    }
     if (record.parsed) {
-        _view.Apply(record.msg, record.fullSync);
+        _view.Apply(record.msg, record.fullSync, counted ? _counter.Mappings() : kNothingCounted);
     } else {
         _violations.push_back("conn " + std::to_string(_currentConnection) + ": message " +
                               std::to_string(record.index) + " is not an LcpDpMsg");
     }
-    Log(record.ToString());
+    if (_eventLog) {
+        Log(record.ToString());
+    }
     _messages.push_back(std::move(record));
-    _changed.notify_all();
 }
 
 void DataPathSim::CloseCurrent(const std::string& reason)

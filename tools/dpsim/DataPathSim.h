@@ -13,6 +13,7 @@
 
 #include "DataPathView.h"
 #include "DpFrame.h"
+#include "L2WireCounter.h"
 #include "LocalState.h"
 #include "lcp_dp.pb.h"
 
@@ -30,6 +31,8 @@ struct ReceivedMessage {
     uint32_t length = 0;    // the header's length, header included
     bool parsed = false;    // the body is an LcpDpMsg
     bool fullSync = false;  // the first message of its connection
+    // When counting L2 items only, an l2_update of mapping updates is left
+    // empty here: its items were counted into the view from the bytes.
     com::corvid::zun::lcp::LcpDpMsg msg;
 
     // "conn 0 recv type 1 len 42 fullsync config 3 l2 sessions 1 end"
@@ -123,6 +126,7 @@ private:
     void Run();
     void Accept();
     void ReadConnection();
+    // The caller holds _mutex, and notifies the waiters after a batch.
     void Record(const DpFrame& frame);
     // Closes the connection with `reason`; takes _sendMutex, so not from a send.
     void CloseCurrent(const std::string& reason);
@@ -157,6 +161,7 @@ private:
     bool _closing = false;  // CloseConnection asked for the end being read
     bool _autoFullSync;
     DpFrameReader _reader;
+    L2WireCounter _counter;  // used by Record only
     std::vector<ReceivedMessage> _messages;
     std::vector<std::string> _violations;
     DataPathView _view;

@@ -2,7 +2,8 @@
 
 namespace DpSim {
 
-void DataPathView::Apply(const com::corvid::zun::lcp::LcpDpMsg& msg, bool fullSync)
+void DataPathView::Apply(const com::corvid::zun::lcp::LcpDpMsg& msg, bool fullSync,
+                         const std::vector<L2View::MappingCount>& countedL2)
 {
     if (fullSync) {
         _config.Clear();
@@ -17,6 +18,9 @@ void DataPathView::Apply(const com::corvid::zun::lcp::LcpDpMsg& msg, bool fullSy
     }
     if (msg.has_l2_update()) {
         _l2.Apply(msg.l2_update());
+    }
+    for (const L2View::MappingCount& mapping : countedL2) {
+        _l2.Count(mapping);
     }
     for (const CcpSessionStateMsg& session : msg.session_state()) {
         _sessions[KeyOf(session)] = session;

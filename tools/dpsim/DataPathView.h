@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "ConfigView.h"
 #include "L2View.h"
@@ -23,7 +24,11 @@ public:
     // Session type, then the VNI or router id (0 for the config session).
     using SessionKey = std::pair<int32_t, uint32_t>;
 
-    void Apply(const com::corvid::zun::lcp::LcpDpMsg& msg, bool fullSync);
+    // `countedL2`: when counting L2 items only, the mapping updates of the
+    // message's L2 update as read from its bytes (L2WireCounter), in place of
+    // the l2_update that was left out of `msg`.
+    void Apply(const com::corvid::zun::lcp::LcpDpMsg& msg, bool fullSync,
+               const std::vector<L2View::MappingCount>& countedL2 = {});
     // L2 items counted, not kept (L2View::SetCountOnly).
     void SetL2CountOnly(bool on) { _l2.SetCountOnly(on); }
 

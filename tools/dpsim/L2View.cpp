@@ -1,5 +1,6 @@
 #include "L2View.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace DpSim {
@@ -70,27 +71,17 @@ std::string L2View::ItemKey(const L2UpdateMappingItemMsg& item)
 void L2View::Apply(const L2UpdateMsg& msg)
 {
     for (const l2::L2MappingUpdateMsg& mapping : msg.mapping_update()) {
+        if (_countOnly) {
+            Count(CountOf(mapping));
+            continue;
+        }
         const uint32_t vni = mapping.vn_instance().vni();
         if (!mapping.has_type()) {
-            if (mapping.items_size() == 0) {
-                continue;
-            }
-            if (mapping.items(0).op() == l2::L2UpdateMappingItemMsg::DEL) {
-                _vnis.erase(vni);
-            } else {
-                _vnis[vni].switchId = mapping.vn_instance().transport_switch_id();
-            }
+            JoinOrLeave(vni, mapping.vn_instance().transport_switch_id(), mapping.items_size() > 0,
+                        mapping.items_size() > 0 && mapping.items(0).op() == l2::L2UpdateMappingItemMsg::DEL);
             continue;
         }
-        auto [found, created] = _vnis.try_emplace(vni);
-        Vni& entry = found->second;
-        if (created) {
-            entry.switchId = mapping.vn_instance().transport_switch_id();
-        }
-        if (_countOnly) {
-            Count(mapping, entry);
-            continue;
-        }
+        Vni& entry = EntryOf(vni, mapping.vn_instance().transport_switch_id());
         std::set<std::string>& items = entry.items[mapping.type()];
         for (const L2UpdateMappingItemMsg& item : mapping.items()) {
             if (item.op() == l2::L2UpdateMappingItemMsg::DEL) {
@@ -118,16 +109,51 @@ void L2View::Apply(const L2UpdateMsg& msg)
     }
 }
 
-void L2View::Count(const l2::L2MappingUpdateMsg& mapping, Vni& entry)
+L2View::MappingCount L2View::CountOf(const l2::L2MappingUpdateMsg& mapping)
 {
-    size_t& count = entry.counts[mapping.type()];
-    for (const L2UpdateMappingItemMsg& item : mapping.items()) {
-        if (item.op() != l2::L2UpdateMappingItemMsg::DEL) {
-            ++count;
-        } else if (count > 0) {
-            --count;
-        }
+    MappingCount count;
+    count.vni = mapping.vn_instance().vni();
+    count.switchId = mapping.vn_instance().transport_switch_id();
+    if (mapping.has_type()) {
+        count.type = mapping.type();
     }
+    for (const L2UpdateMappingItemMsg& item : mapping.items()) {
+        ++(item.op() == l2::L2UpdateMappingItemMsg::DEL ? count.dels : count.adds);
+    }
+    count.firstIsDel = mapping.items_size() > 0 && mapping.items(0).op() == l2::L2UpdateMappingItemMsg::DEL;
+    return count;
+}
+
+void L2View::Count(const MappingCount& mapping)
+{
+    if (!mapping.type) {
+        JoinOrLeave(mapping.vni, mapping.switchId, mapping.adds + mapping.dels > 0, mapping.firstIsDel);
+        return;
+    }
+    size_t& count = EntryOf(mapping.vni, mapping.switchId).counts[*mapping.type];
+    count += mapping.adds;
+    count -= std::min(count, mapping.dels);
+}
+
+void L2View::JoinOrLeave(uint32_t vni, uint32_t switchId, bool hasItems, bool leave)
+{
+    if (!hasItems) {
+        return;
+    }
+    if (leave) {
+        _vnis.erase(vni);
+    } else {
+        _vnis[vni].switchId = switchId;
+    }
+}
+
+L2View::Vni& L2View::EntryOf(uint32_t vni, uint32_t switchId)
+{
+    auto [found, created] = _vnis.try_emplace(vni);
+    if (created) {
+        found->second.switchId = switchId;
+    }
+    return found->second;
 }
 
 void L2View::Clear()

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -24,11 +25,24 @@ public:
 
     void Apply(const L2UpdateMsg& msg);
     void Clear();
-    // Counting only: the items of a VNI are counted by type (ADD one more,
-    // DEL one less) and not kept, so that millions of them cost little.
-    // HasItem, ToFullMessage and the listing of Describe then know no items.
-    // For load runs; set before the first Apply.
+    // Counting only: the items of a VNI are counted by type (a mapping
+    // update's ADDs add to the count and its DELs take away, never below
+    // zero) and not kept, so that millions of them cost little. HasItem, ToFullMessage and the listing of
+    // Describe then know no items. For load runs; set before the first Apply.
     void SetCountOnly(bool on) { _countOnly = on; }
+
+    // A mapping update as counting sees it.
+    struct MappingCount {
+        uint32_t vni = 0;
+        uint32_t switchId = 0;
+        std::optional<int32_t> type;  // none: the VNI's own entry, a join or a leave
+        size_t adds = 0;
+        size_t dels = 0;
+        bool firstIsDel = false;  // the first item's operation, which joins or leaves
+    };
+    static MappingCount CountOf(const com::corvid::zun::l2::L2MappingUpdateMsg& mapping);
+    // Applies one mapping update when counting only, as Apply would.
+    void Count(const MappingCount& mapping);
 
     bool HasVni(uint32_t vni) const { return _vnis.count(vni) > 0; }
     size_t VniCount() const { return _vnis.size(); }
@@ -55,8 +69,10 @@ private:
         std::map<int32_t, size_t> counts;                // by mapping type, when counting only
     };
 
-    // Counts the items of `mapping` into `entry`.
-    static void Count(const com::corvid::zun::l2::L2MappingUpdateMsg& mapping, Vni& entry);
+    // A mapping without a type: joins or leaves the VNI, unless it has no items.
+    void JoinOrLeave(uint32_t vni, uint32_t switchId, bool hasItems, bool leave);
+    // The VNI's entry, made on first use with `switchId`.
+    Vni& EntryOf(uint32_t vni, uint32_t switchId);
 
     bool _countOnly = false;
 
