@@ -102,7 +102,15 @@ void ZunaDPAdapter::RemoteL2Update(const com::corvid::zun::l2::L2UpdateMsg& msg)
 {
     LcpDpMsg out;
     out.set_atomic_update_end(true);
-    *out.mutable_l2_update() = msg;
+    // A delta of a hundred items is four hundred small objects: it is lent to
+    // the wrapper for the send rather than copied, and taken back before the
+    // wrapper goes, however this scope ends. Logging and serialising only
+    // read it (the cached sizes are mutable by design).
+    out.unsafe_arena_set_allocated_l2_update(const_cast<com::corvid::zun::l2::L2UpdateMsg*>(&msg));
+    struct GiveBack {
+        LcpDpMsg& out;
+        ~GiveBack() { out.unsafe_arena_release_l2_update(); }
+    } giveBack{out};
     Forward(DpMsgHdr::DP_MSG_HDR_GENERIC, out);
 }
 
