@@ -10,7 +10,7 @@
 
 namespace FenRELBench {
 
-DataPathClient::DataPathClient(const std::string& path)
+DataPathClient::DataPathClient(const std::string& path, int socketBuffers)
 {
     _fd = socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un address{};
@@ -22,6 +22,10 @@ DataPathClient::DataPathClient(const std::string& path)
             close(_fd);
         }
         throw std::runtime_error("cannot connect to " + path + ": " + error);
+    }
+    if (socketBuffers > 0) {
+        setsockopt(_fd, SOL_SOCKET, SO_SNDBUF, &socketBuffers, sizeof(socketBuffers));
+        setsockopt(_fd, SOL_SOCKET, SO_RCVBUF, &socketBuffers, sizeof(socketBuffers));
     }
 }
 

@@ -11,7 +11,9 @@ namespace FenRELBench {
 class DataPathClient {
 public:
     // Throws std::runtime_error when the socket cannot be reached.
-    explicit DataPathClient(const std::string& path);
+    // `socketBuffers`: when not 0, the send and receive buffer sizes to ask
+    // for, as the agent's own link does; otherwise the system's.
+    explicit DataPathClient(const std::string& path, int socketBuffers = 0);
     ~DataPathClient();
     DataPathClient(const DataPathClient&) = delete;
     DataPathClient& operator=(const DataPathClient&) = delete;

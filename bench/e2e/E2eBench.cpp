@@ -8,13 +8,16 @@
 // given its full sync first) and the clock stops when the data path holds
 // every item. The same stream is also timed into a sink (the controller
 // simulator's ceiling), straight into the data-path simulator (its ceiling)
-// and through a minimal relay (the floor).
+// and through a minimal relay (the floor; once more with the small socket
+// buffers of the agent's link). Beside each time: the CPU the relay or
+// fenrel spent, and the CPU of the two simulators.
 //
 // Start-up: seconds from the daemon's fork to its full sync at the data path,
 // with the controller's configuration and the data path's VIFs of the given
 // sizes, and the steps on the way as the simulators recorded them.
 
 #include <signal.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -49,6 +52,8 @@ namespace lcp = com::corvid::zun::lcp;
 
 constexpr uint32_t kFirstVni = 5000;
 constexpr size_t kChunkBytes = 64 * 1024;
+// The send and receive buffers of the agent's link to the data path.
+constexpr int kAgentLinkBuffers = 4096;
 constexpr auto kSetupTimeout = 120s;
 constexpr auto kRunTimeout = 600s;
 
@@ -86,23 +91,16 @@ std::string LoadAverage()
     return one + " " + five + " " + fifteen;
 }
 
-// User and system CPU of a process, in seconds.
+// CPU time of a process, all its threads, in seconds; the process's CPU
+// clock counts in nanoseconds where /proc's figures count in ticks.
 double CpuSeconds(pid_t pid)
 {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    std::istringstream fields(text.substr(text.rfind(')') + 2));
-    std::string field;
-    unsigned long long utime = 0, stime = 0;
-    // After the name: state is field 3; utime and stime are fields 14 and 15.
-    for (int i = 3; i <= 15 && fields >> field; ++i) {
-        if (i == 14) {
-            utime = std::stoull(field);
-        } else if (i == 15) {
-            stime = std::stoull(field);
-        }
+    clockid_t clock;
+    timespec cpu{};
+    if (clock_getcpuclockid(pid, &clock) != 0 || clock_gettime(clock, &cpu) != 0) {
+        Die("no CPU clock for process " + std::to_string(pid));
     }
-    return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
+    return static_cast<double>(cpu.tv_sec) + static_cast<double>(cpu.tv_nsec) / 1e9;
 }
 
 size_t MacItems(const DpSim::DataPathView& view, const L2Stream& stream)
@@ -157,21 +155,32 @@ struct Result {
     std::string road;
     double seconds = 0;
     size_t items = 0;
-    double relayCpu = -1;  // seconds of CPU of the relay or of fenrel, where one took part
+    double middleCpu = -1;      // seconds of CPU of the relay or of fenrel, where one took part
+    double simulatorsCpu = -1;  // seconds of CPU of the two simulators, where measured
 
     double Rate() const { return static_cast<double>(items) / seconds; }
+    double MicrosPerItem(double cpu) const { return cpu * 1e6 / static_cast<double>(items); }
 };
 
 void Print(const Result& result, const Result* floor)
 {
-    printf("  %-58s %8.3f s %12.0f items/s", result.road.c_str(), result.seconds, result.Rate());
+    printf("  %-58s %7.3f s %10.0f items/s", result.road.c_str(), result.seconds, result.Rate());
     if (floor != nullptr) {
-        printf("   %.2fx the floor's time", result.seconds / floor->seconds);
-    }
-    if (result.relayCpu >= 0) {
-        printf("   CPU %.2f s", result.relayCpu);
+        printf("  %5.2fx the floor's time", result.seconds / floor->seconds);
     }
     printf("\n");
+    if (result.middleCpu >= 0) {
+        printf("      CPU: %s %.2f s (%.2f us/item)", floor != nullptr ? "fenrel" : "relay", result.middleCpu,
+               result.MicrosPerItem(result.middleCpu));
+        if (floor != nullptr && floor->middleCpu > 0) {
+            printf(", %.1fx the relay's", result.middleCpu / floor->middleCpu);
+        }
+        if (result.simulatorsCpu >= 0) {
+            printf("; simulators %.2f s (%.2f us/item)", result.simulatorsCpu,
+                   result.MicrosPerItem(result.simulatorsCpu));
+        }
+        printf("\n");
+    }
     fflush(stdout);
 }
 
@@ -218,28 +227,34 @@ Result DataPathCeiling(const L2Stream& stream)
     return {"pre-built frames -> data-path sim", Seconds(Clock::now() - start), stream.Items()};
 }
 
-// The floor: both simulators with the minimal relay between them.
-Result RelayFloor(const L2Stream& stream)
+// The floor: both simulators with the minimal relay between them, the data
+// path's socket buffers as the system gives them or, with `socketBuffers`,
+// as small as the agent's link sets them.
+Result RelayFloor(const L2Stream& stream, int socketBuffers = 0)
 {
     AgentHarness harness;
     CtrlSim::ControllerSim& controller = harness.AddController(1);
     const auto counting = CountingDataPath(harness);
     DpSim::DataPathSim& dataPath = *counting;
-    Relay relay(Relay::Mode::Forward);
+    Relay relay(Relay::Mode::Forward, socketBuffers);
     relay.Start(controller.Address(), controller.Port(), dataPath.Path());
     Check(controller.WaitForUp(0, kSetupTimeout), "the relay's connection is up");
     Check(dataPath.WaitForMessage(DpSim::DataPathSim::IsFullSync(), kSetupTimeout).has_value(),
           "the relay's full sync reached the data path");
     const auto chunks = stream.ControllerChunks(1, CtrlSim::ConfigHandler::AgentFrameLimit(controller), kChunkBytes);
 
+    const double relayCpuBefore = relay.CpuSeconds();
+    const double ownCpuBefore = CpuSeconds(getpid());
     const auto start = Clock::now();
     SendChunks(controller, chunks);
     WaitForAllItems(dataPath, stream);
     const auto end = Clock::now();
+    const double relayCpu = relay.CpuSeconds() - relayCpuBefore;
+    const double ownCpu = CpuSeconds(getpid()) - ownCpuBefore;
     Check(relay.Error().empty(), relay.Error());
-    relay.Stop();
-    return {"controller sim -> relay -> data-path sim (floor)", Seconds(end - start), stream.Items(),
-            relay.CpuSeconds()};
+    return {socketBuffers == 0 ? "controller sim -> relay -> data-path sim (floor)"
+                               : "  the same, with the agent link's 4 KiB socket buffers",
+            Seconds(end - start), stream.Items(), relayCpu, ownCpu - relayCpu};
 }
 
 // The daemon on the road, after the start-up handshake, the data path's joins
@@ -287,13 +302,15 @@ Result ThroughFenrel(const L2Stream& stream, int logLevel)
 
     const pid_t pid = harness.Daemon().Pid();
     const double cpuBefore = CpuSeconds(pid);
+    const double ownCpuBefore = CpuSeconds(getpid());
     const auto start = Clock::now();
     SendChunks(controller, chunks);
     WaitForAllItems(dataPath, stream);
     const auto end = Clock::now();
+    const double ownCpu = CpuSeconds(getpid()) - ownCpuBefore;
     Check(harness.Daemon().IsRunning(), "fenrel still runs");
     return {"controller sim -> fenrel -> data-path sim, log level " + std::to_string(logLevel),
-            Seconds(end - start), stream.Items(), CpuSeconds(pid) - cpuBefore};
+            Seconds(end - start), stream.Items(), CpuSeconds(pid) - cpuBefore, ownCpu};
 }
 
 // Runs `road` `repeat` times, each in a fresh set of processes and
@@ -325,6 +342,8 @@ void Throughput(const Sizes& sizes, const std::vector<int>& levels, const std::s
     if (wanted("relay") || wanted("fenrel")) {
         floor = Median(repeat, [&] { return RelayFloor(stream); });
         Print(*floor, nullptr);
+        // What the agent's small socket buffers alone cost a relay.
+        Print(Median(repeat, [&] { return RelayFloor(stream, kAgentLinkBuffers); }), nullptr);
     }
     if (wanted("fenrel")) {
         for (const int level : levels) {

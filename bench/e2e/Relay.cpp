@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,6 +11,8 @@
 #include <cstring>
 #include <ctime>
 #include <stdexcept>
+
+#include <google/protobuf/arena.h>
 
 #include "DataPathClient.h"
 
@@ -26,6 +29,8 @@ constexpr uint16_t kL2ProtocolId = 64;
 // The data path's header: flags, type, length (4, header included).
 constexpr size_t kDpHeaderSize = 6;
 constexpr uint8_t kDpConfigType = 1;
+// A delta of a hundred MACs takes some 15 KB of objects.
+constexpr size_t kArenaBlock = 16 * 1024;
 
 uint16_t Read16(const uint8_t* p)
 {
@@ -39,7 +44,11 @@ std::string Errno(const std::string& what)
 
 }  // namespace
 
-Relay::Relay(Mode mode) : _mode(mode) {}
+Relay::Relay(Mode mode, int socketBuffers) : _mode(mode), _socketBuffers(socketBuffers)
+{
+    _arenaBlocks.start_block_size = kArenaBlock;
+    _arenaBlocks.max_block_size = kArenaBlock;
+}
 
 Relay::~Relay()
 {
@@ -70,13 +79,13 @@ void Relay::Start(const std::string& address, uint16_t port, const std::string& 
     }
 
     if (_mode == Mode::Forward) {
-        _dataPath = std::make_unique<DataPathClient>(dataPathSocket);
+        _dataPath = std::make_unique<DataPathClient>(dataPathSocket, _socketBuffers);
         // The agent's first message to the data path is its full sync: an empty one.
         com::corvid::zun::lcp::LcpDpMsg fullSync;
         fullSync.set_atomic_update_end(true);
         WriteToDataPath(fullSync);
     }
-    _thread = std::thread([this] { Run(); });
+    _thread = std::thread([this] { ReadFrames(); });
 }
 
 void Relay::Stop()
@@ -119,12 +128,15 @@ void Relay::Fail(const std::string& error)
     }
 }
 
-void Relay::Run()
+double Relay::CpuSeconds()
 {
-    ReadFrames();
+    clockid_t clock;
     timespec cpu{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu);
-    _cpuSeconds = static_cast<double>(cpu.tv_sec) + static_cast<double>(cpu.tv_nsec) / 1e9;
+    if (!_thread.joinable() || pthread_getcpuclockid(_thread.native_handle(), &clock) != 0 ||
+        clock_gettime(clock, &cpu) != 0) {
+        return 0;
+    }
+    return static_cast<double>(cpu.tv_sec) + static_cast<double>(cpu.tv_nsec) / 1e9;
 }
 
 void Relay::ReadFrames()
@@ -180,7 +192,9 @@ void Relay::OnMessage(uint16_t type, uint16_t protocolId, const uint8_t* body, s
     }
     if (_mode == Mode::Forward) {
         // After the lead byte, the update; it becomes the LcpDpMsg's l2_update.
-        com::corvid::zun::lcp::LcpDpMsg msg;
+        // Its objects come from an arena, as fenrel's do.
+        google::protobuf::Arena arena(_arenaBlocks);
+        auto& msg = *google::protobuf::Arena::CreateMessage<com::corvid::zun::lcp::LcpDpMsg>(&arena);
         if (!msg.mutable_l2_update()->ParseFromArray(body + 1, static_cast<int>(size - 1))) {
             Fail("relay: an L2 update that does not parse");
             return;

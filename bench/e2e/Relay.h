@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include <google/protobuf/arena.h>
 #include <openssl/ssl.h>
 
 #include "DataPathClient.h"
@@ -32,7 +33,8 @@ class Relay {
 public:
     enum class Mode { Forward, Discard };
 
-    explicit Relay(Mode mode);
+    // `socketBuffers`: the data path's socket buffers, 0 for the system's.
+    explicit Relay(Mode mode, int socketBuffers = 0);
     ~Relay();
     Relay(const Relay&) = delete;
     Relay& operator=(const Relay&) = delete;
@@ -48,11 +50,10 @@ public:
     size_t Messages() const { return _messages.load(std::memory_order_relaxed); }
     // Why the thread stopped early; empty while all is well.
     std::string Error() const;
-    // The CPU time of the relay's thread, known after Stop.
-    double CpuSeconds() const { return _cpuSeconds; }
+    // The CPU time of the relay's thread so far; between Start and Stop.
+    double CpuSeconds();
 
 private:
-    void Run();
     void ReadFrames();
     // One whole message: header fields and body.
     void OnMessage(uint16_t type, uint16_t protocolId, const uint8_t* body, size_t size);
@@ -61,6 +62,7 @@ private:
     void Fail(const std::string& error);
 
     const Mode _mode;
+    const int _socketBuffers;
     int _controllerFd = -1;
     std::unique_ptr<DataPathClient> _dataPath;
     SSL_CTX* _context = nullptr;
@@ -68,8 +70,8 @@ private:
     std::thread _thread;
     std::vector<uint8_t> _partial;  // fragments of the message in progress; the thread's own
     std::string _frame;             // the data-path frame being built; the thread's own
+    google::protobuf::ArenaOptions _arenaBlocks;
     std::atomic<size_t> _messages{0};
-    double _cpuSeconds = 0;  // written by the thread as it ends, read after the join
     mutable std::mutex _errorMutex;
     std::string _error;  // guarded by _errorMutex
 };
