@@ -121,11 +121,11 @@ void AppManager::ApplyHelloFeature(const uint8_t* tlv, uint32_t instance) const
 }
 
 void AppManager::UpdateSharding(const std::vector<boost::intrusive_ptr<ShardingSegment>>& segments,
-                                const std::string& controller, uint32_t instance)
+                                const std::string& controller, uint32_t revoke)
 {
     for (auto& entry : _apps) {
         if (auto* app = dynamic_cast<MultiControllerApp*>(entry.second.get())) {
-            app->UpdateSharding(segments, controller, instance);
+            app->UpdateSharding(segments, controller, revoke);
         }
     }
 }

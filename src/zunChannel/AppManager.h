@@ -40,9 +40,10 @@ public:
     bool ValidateHelloFeature(const uint8_t* tlv, bool strict, uint32_t instance) const;
     void ApplyHelloFeature(const uint8_t* tlv, uint32_t instance) const;
 
-    // Passed on to every multi-controller application.
+    // Passed on to every multi-controller application; `revoke` is 0 for an
+    // assignment, 1 for a revocation.
     void UpdateSharding(const std::vector<boost::intrusive_ptr<ShardingSegment>>& segments,
-                        const std::string& controller, uint32_t instance);
+                        const std::string& controller, uint32_t revoke);
     void CheckSessions();
 
 private:

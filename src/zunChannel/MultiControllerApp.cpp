@@ -176,14 +176,12 @@ void MultiControllerApp::MoveElem(const boost::intrusive_ptr<ShardingElemID>& el
 }
 
 void MultiControllerApp::UpdateSharding(const std::vector<boost::intrusive_ptr<ShardingSegment>>& /*segments*/,
-                                        const std::string& /*controller*/, uint32_t instance)
+                                        const std::string& /*controller*/, uint32_t /*revoke*/)
 {
     ASSERT(IsLockAvailable());
-    if (instance != _instance) {
-        return;
-    }
     // An element moves exactly when the table now names another controller
-    // for its slice than the one holding it.
+    // for its slice than the one holding it; a revocation leaves the table as
+    // it stands.
     for (auto& entry : _elems) {
         boost::intrusive_ptr<ShardingElemID> elem = entry.second;
         const std::string oldController = CurrentController(*elem);

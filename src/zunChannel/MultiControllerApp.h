@@ -35,9 +35,10 @@ public:
     // Frees the message. True when every send worked (also with no session).
     bool BroadcastMsg(uint8_t* message);
 
-    // The slices of `controller` changed: move the elements whose controller changed.
+    // The slices of `controller` were assigned (`revoke` 0) or revoked (1):
+    // move the elements whose controller changed.
     void UpdateSharding(const std::vector<boost::intrusive_ptr<ShardingSegment>>& segments,
-                        const std::string& controller, uint32_t instance);
+                        const std::string& controller, uint32_t revoke);
     // Periodic check that every element sits with the controller of its slice.
     void CheckSessions();
     void DeleteAllElems();

@@ -392,7 +392,7 @@ void SessionApp::HandleUpdate(const uint8_t* message, uint32_t size, const ConnK
             }
         }
         ZUNChannel::ShardingMgr::Get()->UpdateSegments(segments);
-        ZUNChannel::AppManager::Get()->UpdateSharding(segments, key.server, key.instance);
+        ZUNChannel::AppManager::Get()->UpdateSharding(segments, key.server, kShardingAssign);
         break;
     case config::CcpLcpZunConfigMsg::SHARDING_REVOCATION:
         FLOG_INFO("%1: receive sharding invalid slices update from controller %2", _name, key);
@@ -406,7 +406,7 @@ void SessionApp::HandleUpdate(const uint8_t* message, uint32_t size, const ConnK
             return;
         }
         // The slice table keeps the old owner until an assignment replaces it.
-        ZUNChannel::AppManager::Get()->UpdateSharding(segments, key.server, key.instance);
+        ZUNChannel::AppManager::Get()->UpdateSharding(segments, key.server, kShardingRevoke);
         break;
     default:
         FLOG_VERBOSE("%1: invalid config update message type %2 received from controller %3", _name,

@@ -46,6 +46,9 @@ public:
     static constexpr uint32_t kNoIndex = 0xFFFFFFFF;
     static constexpr int32_t kConnectTimeoutUs = 15000000;
     static constexpr int32_t kRetryDelayUs = 5000000;
+    // What the multi-controller apps are told a sharding update is.
+    static constexpr uint32_t kShardingAssign = 0;
+    static constexpr uint32_t kShardingRevoke = 1;
 
     // Creates and registers the one instance.
     static void Init(const com::corvid::zun::ProductVersionMsg& productVersion);
