@@ -1,5 +1,7 @@
 #include <arpa/inet.h>
 
+#include <algorithm>
+#include <ostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -58,10 +60,16 @@ protected:
         version.set_suffix("demo");
         SessionApp::Init(version);
         _app = SessionApp::Instance();
-        FenREL::CPDomainManager::Get()->RegisterPhysicalMasterSessionObserver(
-            AppKey(APP_ID_CONFIG, 0), [this](const boost::intrusive_ptr<CtrlSession>& session, uint32_t state) {
-                reports.push_back((state == 0 ? "up " : "down ") + session->GetKey().server);
-            });
+        // Observers hear the session app's instance, whatever their application:
+        // the one of instance 1 must stay silent.
+        for (const uint32_t instance : {0u, 1u}) {
+            FenREL::CPDomainManager::Get()->RegisterPhysicalMasterSessionObserver(
+                AppKey(APP_ID_CONFIG, instance),
+                [this, instance](const boost::intrusive_ptr<CtrlSession>& session, uint32_t state) {
+                    reports.push_back((instance != 0 ? "instance 1 " : "") + std::string(state == 0 ? "up " : "down ") +
+                                      session->GetKey().server);
+                });
+        }
     }
 
     void TearDown() override
@@ -144,6 +152,8 @@ TEST_F(SessionAppTest, HandshakeRefusesWhatComesOutOfOrder)
         Receive(Message(CtrlMsg::kTypeSessionControl, APP_ID_SESSION, Id(), ""), "10.0.0.1");  // no control type
         _app->ProcessDPInitialSyncDone();
         Receive(Update(Master("10.0.0.1")), "10.0.0.1");  // before the Open ACK
+        EXPECT_TRUE(Contains(log.Text(), "errorCode=\"LCP00602\"] Session: Invalid Session Open ACK message from "
+                                         "10.0.0.1:0, session is not opened now"));
         EXPECT_TRUE(Contains(log.Text(), "errorCode=\"LCP00602\"] Session: Invalid Session Control message received"));
         EXPECT_TRUE(Contains(log.Text(), "Session: Session is not ready, not allow to receive update messages"));
     }
@@ -162,27 +172,68 @@ TEST_F(SessionAppTest, HandshakeRefusesWhatComesOutOfOrder)
     EXPECT_EQ(1u, reports.size());
 }
 
-TEST_F(SessionAppTest, MasterControllerElsewhereMovesTheSession)
+// Where a master controller elsewhere takes the session, by the list read
+// again at that moment.
+struct MasterMove {
+    const char* name;
+    std::vector<std::string> list;
+    std::vector<std::string> candidates;  // where the new session may go; none: no session
+    bool selects;                         // the choice is a selection, with its log line
+    const char* log;
+};
+
+void PrintTo(const MasterMove& move, std::ostream* os)
 {
+    *os << move.name;
+}
+
+class SessionAppMasterMoveTest : public SessionAppTest, public testing::WithParamInterface<MasterMove> {};
+
+TEST_P(SessionAppMasterMoveTest, MasterControllerElsewhereMovesTheSession)
+{
+    const MasterMove& move = GetParam();
     SetControllers({"10.0.0.1"});
     _app->Start();
     DriveToReady("10.0.0.1");
-    SetControllers({"10.0.0.1", "10.0.0.2", "10.0.0.3"});
-    Receive(Update(Master("10.0.0.3")), "10.0.0.1");
+    SetControllers(move.list);
+    {
+        FenRELTest::LogCapture log;
+        Receive(Update(Master("10.0.0.3")), "10.0.0.1");
+        EXPECT_TRUE(Contains(log.Text(), move.log)) << log.Text();
+        EXPECT_EQ(move.selects, Contains(log.Text(), "Session: Select a session connection")) << log.Text();
+    }
     EXPECT_EQ((std::vector<std::string>{"up 10.0.0.1", "down 10.0.0.1"}), reports);
-    EXPECT_EQ("10.0.0.3", Server());
     EXPECT_EQ(SessionApp::INIT, _app->GetSessionState());
+    if (move.candidates.empty()) {
+        // Nothing until the next controller list.
+        EXPECT_FALSE(_app->GetSession());
+        SetControllers({"10.0.0.2"});
+        _app->ReceiveControllerList({ConnConfig("10.0.0.2", 1, "", nullptr, false)});
+        EXPECT_EQ("10.0.0.2", Server());
+        return;
+    }
+    const std::string next = Server();
+    ASSERT_NE(move.candidates.end(), std::find(move.candidates.begin(), move.candidates.end(), next)) << next;
     EXPECT_FALSE(_app->GetSession()->IsReady());
 
-    // The new master's own update finishes the move; the old one's is skipped.
-    Ready("10.0.0.3");
-    Receive(Control(SessionApp::CONTROL_OPEN_ACK, Id()), "10.0.0.3");
+    // The new controller's own update finishes the move; the old one's is skipped.
+    Ready(next);
+    Receive(Control(SessionApp::CONTROL_OPEN_ACK, Id()), next);
     Receive(Update(Master("10.0.0.1")), "10.0.0.1");
     EXPECT_EQ(SessionApp::OPEN_ACK, _app->GetSessionState());
-    Receive(Update(Master("10.0.0.3")), "10.0.0.3");
+    Receive(Update(Master(next)), next);
     EXPECT_EQ(SessionApp::READY, _app->GetSessionState());
-    EXPECT_EQ("up 10.0.0.3", reports.back());
+    EXPECT_EQ("up " + next, reports.back());
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    SessionApp, SessionAppMasterMoveTest,
+    testing::Values(MasterMove{"InTheList", {"10.0.0.1", "10.0.0.2", "10.0.0.3"}, {"10.0.0.3"}, false,
+                               "Session: Changing master controller from 10.0.0.1 to 10.0.0.3"},
+                    MasterMove{"NotInTheList", {"10.0.0.2", "10.0.0.4"}, {"10.0.0.2", "10.0.0.4"}, true,
+                               "errorCode=\"LCP00601\"] Session: Did not find master 10.0.0.3 in config list"},
+                    MasterMove{"NoList", {}, {}, false, "Session: Get empty controller list"}),
+    [](const testing::TestParamInfo<MasterMove>& info) { return std::string(info.param.name); });
 
 TEST_F(SessionAppTest, ShardingComesOnlyFromTheSessionButRevocationsFromAnyone)
 {
@@ -214,8 +265,13 @@ TEST_F(SessionAppTest, ShardingComesOnlyFromTheSessionButRevocationsFromAnyone)
     EXPECT_EQ("10.0.0.9", ShardingMgr::Get()->GetController(0x80000000));
 }
 
-TEST_F(SessionAppTest, SilentCandidateTimesOutAndTheNextIsTried)
+// A candidate that fails while it is tried, silent until its time-out or
+// lost before it was ready, gives way at once to the next; each is tried once.
+class SessionAppCandidateTest : public SessionAppTest, public testing::WithParamInterface<bool> {};
+
+TEST_P(SessionAppCandidateTest, FailingCandidateGivesWayToTheNextAtOnce)
 {
+    const bool timeOut = GetParam();
     const std::vector<std::string> servers = {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4", "10.0.0.5"};
     SetControllers(servers);
     _app->Start();
@@ -226,14 +282,29 @@ TEST_F(SessionAppTest, SilentCandidateTimesOutAndTheNextIsTried)
     std::set<std::string> tried;
     for (int64_t serial = 1; serial <= 5; ++serial) {
         const std::string server = Server();
+        ASSERT_FALSE(server.empty()) << serial;
         tried.insert(server);
-        _app->OnConnectTimeout(serial);
-        EXPECT_EQ("connection_refused", CtrlConnPool::Get()->GetConnStatus(ConnKey(server, 0)));
+        if (timeOut) {
+            _app->OnConnectTimeout(serial);
+        } else {
+            AppManager::Get()->PostEvent(new CtrlConnEvent(ConnKey(server, 0), true));
+        }
+        EXPECT_EQ(timeOut, CtrlConnPool::Get()->GetConnStatus(ConnKey(server, 0)) == "connection_refused");
         EXPECT_EQ(RemoteSessionUpdate::STATE_DOWN, ConfigSession().sessionState);
     }
-    EXPECT_EQ(std::set<std::string>(servers.begin(), servers.end()), tried);  // each candidate once
-    EXPECT_FALSE(Server().empty());  // then the list is read again
+    EXPECT_EQ(std::set<std::string>(servers.begin(), servers.end()), tried);
+    EXPECT_TRUE(reports.empty());
+    // After the last time-out the list is read again at once; after a loss
+    // the retry timer does it.
+    EXPECT_EQ(timeOut, !Server().empty());
+    _app->OnRetryTimer();
+    EXPECT_FALSE(Server().empty());
 }
+
+INSTANTIATE_TEST_SUITE_P(SessionApp, SessionAppCandidateTest, testing::Bool(),
+                         [](const testing::TestParamInfo<bool>& info) {
+                             return std::string(info.param ? "TimeOut" : "LostBeforeReady");
+                         });
 
 // A reloaded list that keeps the session's controller leaves it alone; one
 // that changes it tears the session down as a lost connection does, and the

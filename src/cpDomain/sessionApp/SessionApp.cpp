@@ -152,14 +152,19 @@ void SessionApp::SelectConnection()
     if (_masterIndex >= _controllerList.size()) {
         throw std::out_of_range("SessionApp: controller index out of range");
     }
-    StartConnecting(_controllerList[_masterIndex].server);
+    CreateSession(_controllerList[_masterIndex].server);
+    FLOG_VERBOSE("%1: Select a session connection %2", _name, _session->GetKey());
+    StartConnecting();
 }
 
-void SessionApp::StartConnecting(const std::string& controller)
+void SessionApp::CreateSession(const std::string& controller)
 {
     _session = new ZUNChannel::CtrlSession(ConnKey(controller, _instance, ""), this);
     ++_sessionSerial;
-    FLOG_VERBOSE("%1: Select a session connection %2", _name, _session->GetKey());
+}
+
+void SessionApp::StartConnecting()
+{
     _session->AddUser();
     CancelTimer();
     _timer = ZUNChannel::AsyncTimer<SessionApp>::Create(this, &SessionApp::OnConnectTimeout, _sessionSerial);
@@ -449,7 +454,8 @@ void SessionApp::HandleMasterController(const std::string& master, const ConnKey
     for (uint32_t i = 0; i < _controllerList.size(); ++i) {
         if (_controllerList[i].server == master) {
             _masterIndex = i;
-            StartConnecting(master);
+            CreateSession(master);
+            StartConnecting();
             return;
         }
     }

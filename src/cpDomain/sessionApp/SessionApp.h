@@ -81,7 +81,10 @@ private:
     explicit SessionApp(const com::corvid::zun::ProductVersionMsg& productVersion);
 
     void SelectConnection();
-    void StartConnecting(const std::string& controller);
+    // A new session to `controller`, with a serial of its own.
+    void CreateSession(const std::string& controller);
+    // Takes the connection of the new session and arms its time-out.
+    void StartConnecting();
     void FillControllerList();
     void OnConnReady(const ZUNChannel::ConnKey& key);
     void OnConnDown(const ZUNChannel::ConnKey& key);
@@ -90,8 +93,6 @@ private:
     void HandleSessionControl(const uint8_t* message, uint32_t size, const ZUNChannel::ConnKey& key);
     void HandleUpdate(const uint8_t* message, uint32_t size, const ZUNChannel::ConnKey& key);
     void HandleMasterController(const std::string& master, const ZUNChannel::ConnKey& key);
-    void TearDownForMaster();
-    void SetState(SessionState state);
     void UpdateTable(int32_t state);
     void ReportToDomain(bool down);
     void CancelTimer();
