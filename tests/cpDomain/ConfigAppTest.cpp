@@ -1,4 +1,8 @@
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -6,6 +10,8 @@
 
 #include "ConfigAppFixture.h"
 #include "LogCapture.h"
+#include "SessionApp.h"
+#include "StateCache.h"
 
 namespace {
 
@@ -128,6 +134,71 @@ TEST_F(ConfigAppTest, QueueOutlivesALostSessionAndTheDataPathIsReleasedOnce)
     Receive(Control(SessionId()));
     EXPECT_EQ((std::set<uint64_t>{3}), RemoteEntities());
     EXPECT_EQ(1, _dataPathReleases);
+}
+
+// A local change goes out as one message that keeps each element's
+// operation, and only on a ready session: without one it is dropped, not
+// kept, since the next full sync states the whole table.
+TEST_F(ConfigAppTest, LocalStateGoesOutAsItIsOnlyOnAReadySession)
+{
+    FenREL::LocalStateUpdateList updates(2);
+    auto mac = std::make_shared<config::EntityStateMsg>();
+    mac->set_state_type(config::EntityStateMsg::VIF_MAC);
+    mac->add_vif_macs()->set_mac(0x005056000001);
+    updates[0] = {config::VIF, "vif-a", config::ZunStateDeltaMsg::DELETE_OP, config::EntityStateMsg::VIF_MAC, mac};
+    updates[1] = {config::VIF, "vif-b", config::ZunStateDeltaMsg::UPDATE_OP, 0, nullptr};
+    {
+        FenRELTest::LogCapture log(FenREL::LOGLEVEL_WARNING);
+        _app->SendLocalState(updates);
+        EXPECT_NE(std::string::npos,
+                  log.Text().find("Config: Cannot send local state update to CCP, session is not ready now"));
+    }
+    SessionUp();
+    EXPECT_EQ(std::vector<Frame>{Control(SessionId())}, TakeFrames());
+
+    _app->SendLocalState(updates);
+    config::CcpLcpZunConfigMsg expected;
+    expected.set_type(config::CcpLcpZunConfigMsg::ENTITY_STATE);
+    *expected.add_entity_state() = Vif("vif-a", 0x005056000001);
+    expected.mutable_entity_state(0)->set_operation(config::ZunStateDeltaMsg::DELETE_OP);
+    *expected.add_entity_state() = Vif("vif-b");
+    EXPECT_EQ(std::vector<Frame>{Message(CtrlMsg::kTypeData, APP_ID_CONFIG, SessionId(),
+                                         std::string(1, '\0') + expected.SerializeAsString())},
+              TakeFrames());
+}
+
+// Local VIF changes reach the controller through the domain manager only
+// once the data path's full sync is done; earlier ones stay in the cache.
+// The flag never goes back, so this runs in a process of its own.
+TEST_F(ConfigAppTest, LocalChangesWaitForTheDataPathsFullSync)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto localChange = [](const std::string& id) {
+        FenREL::StateCache::GetInstance()->GetConfigTable()->AtomicUpdateLocalCache(
+            std::vector<config::ZunStateDeltaMsg>{Vif(id)}, false);
+    };
+    EXPECT_EXIT(
+        {
+            SessionUp();
+            TakeFrames();
+            FenRELTest::LogCapture log;
+            localChange("vif-early");
+            const size_t early = TakeFrames().size();
+            FenREL::SessionApp::Init(com::corvid::zun::ProductVersionMsg());
+            FenREL::CPDomainManager::Get()->DPDomainInitFullSyncDone();
+            localChange("vif-late");
+            const std::vector<Frame> late = TakeFrames();
+            const bool gated = log.Text().find("CPDomainManager receive local update before fullSync") !=
+                               std::string::npos;
+            fprintf(stderr, "before: %zu messages, gate logged %d; after: %zu messages%s\n", early, gated,
+                    late.size(),
+                    late.size() == 1 && std::string(late[0].begin(), late[0].end()).find("vif-late") !=
+                                            std::string::npos
+                        ? " with vif-late"
+                        : "");
+            _exit(0);
+        },
+        testing::ExitedWithCode(0), "before: 0 messages, gate logged 1; after: 1 messages with vif-late");
 }
 
 TEST_F(ConfigAppTest, MessagesFromElsewhereOrHeaderOnlyAreDropped)
