@@ -239,6 +239,12 @@ void ControllerSim::MessageReceived(SimConnection& connection, Message&& msg, St
     }
 }
 
+void ControllerSim::MessageSent(size_t connection, const OutMessage& msg, SteadyTime when)
+{
+    SentMessage sent{connection, when, msg.type, msg.protocolId, msg.sessionId, msg.body};
+    Record([&](Recording& r) { r.sent.push_back(std::move(sent)); });
+}
+
 void ControllerSim::ViolationSeen(size_t connection, const std::string& text, SteadyTime when)
 {
     Record([&](Recording& r) { r.violations.push_back(Violation{connection, when, text}); });
@@ -360,6 +366,7 @@ bool ControllerSim::SendMessage(const OutMessage& msg, std::optional<size_t> con
     bool sent = false;
     RunOnIo([&] {
         if (const auto target = FindUp(connection)) {
+            MessageSent(target->Index(), msg, std::chrono::steady_clock::now());
             for (const Bytes& frame : frames) {
                 target->SendRaw(frame);
             }
@@ -443,6 +450,12 @@ std::vector<RecordedMessage> ControllerSim::Messages() const
 {
     std::lock_guard<std::mutex> lock(_recordMutex);
     return _recording.messages;
+}
+
+std::vector<SentMessage> ControllerSim::Sent() const
+{
+    std::lock_guard<std::mutex> lock(_recordMutex);
+    return _recording.sent;
 }
 
 std::vector<RecordedFrame> ControllerSim::Frames() const

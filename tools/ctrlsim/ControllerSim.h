@@ -113,6 +113,9 @@ public:
     // Copies of the records.
     Recording Snapshot() const;
     std::vector<RecordedMessage> Messages() const;
+    // What went out through SendMessage and the handlers, in the order queued
+    // (raw bytes and keep-alives are not among them).
+    std::vector<SentMessage> Sent() const;
     std::vector<RecordedFrame> Frames() const;
     std::vector<ConnectionRecord> Connections() const;
     std::vector<Violation> Violations() const;
@@ -144,6 +147,7 @@ private:
     void ConnectionUp(SimConnection& connection, SteadyTime when) override;
     void FrameReceived(SimConnection& connection, const Frame& frame, SteadyTime when) override;
     void MessageReceived(SimConnection& connection, Message&& msg, SteadyTime when) override;
+    void MessageSent(size_t connection, const OutMessage& msg, SteadyTime when) override;
     void ViolationSeen(size_t connection, const std::string& text, SteadyTime when) override;
     void ConnectionClosed(size_t connection, const std::string& reason, SteadyTime when) override;
 

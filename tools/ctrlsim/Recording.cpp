@@ -14,6 +14,29 @@ long long Millis(SteadyTime t)
     return std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
 }
 
+std::string BodyHex(const Bytes& body, size_t maxBodyBytes)
+{
+    if (body.size() > maxBodyBytes) {
+        return ToHex(body.data(), maxBodyBytes) + "...";
+    }
+    return ToHex(body);
+}
+
+// The last `count` lines of `records`, after a count of those left out.
+template <typename Record>
+std::string LastLines(const std::vector<Record>& records, size_t count, const char* what)
+{
+    std::string text;
+    const size_t first = records.size() > count ? records.size() - count : 0;
+    if (first > 0) {
+        text += "(" + std::to_string(first) + " earlier " + what + ")\n";
+    }
+    for (size_t i = first; i < records.size(); ++i) {
+        text += records[i].ToString() + "\n";
+    }
+    return text;
+}
+
 }  // namespace
 
 std::string RecordedMessage::ToString(size_t maxBodyBytes) const
@@ -21,13 +44,15 @@ std::string RecordedMessage::ToString(size_t maxBodyBytes) const
     char head[160];
     snprintf(head, sizeof(head), "conn %zu recv type %u proto %u session 0x%08x v%u frames %zu bodylen %zu body ",
              connection, header.type, header.protocolId, header.sessionId, header.version, frameCount, body.size());
-    std::string text = head;
-    if (body.size() > maxBodyBytes) {
-        text += ToHex(body.data(), maxBodyBytes) + "...";
-    } else {
-        text += ToHex(body);
-    }
-    return text;
+    return head + BodyHex(body, maxBodyBytes);
+}
+
+std::string SentMessage::ToString(size_t maxBodyBytes) const
+{
+    char head[128];
+    snprintf(head, sizeof(head), "conn %zu sent type %u proto %u session 0x%08x bodylen %zu body ", connection, type,
+             protocolId, sessionId, body.size());
+    return head + BodyHex(body, maxBodyBytes);
 }
 
 std::string ConnectionRecord::ToString() const
@@ -52,14 +77,7 @@ std::string Recording::Summary(size_t lastMessages) const
     for (const Violation& violation : violations) {
         text += "conn " + std::to_string(violation.connection) + " violation: " + violation.text + "\n";
     }
-    const size_t first = messages.size() > lastMessages ? messages.size() - lastMessages : 0;
-    if (first > 0) {
-        text += "(" + std::to_string(first) + " earlier messages)\n";
-    }
-    for (size_t i = first; i < messages.size(); ++i) {
-        text += messages[i].ToString() + "\n";
-    }
-    return text;
+    return text + LastLines(messages, lastMessages, "messages") + LastLines(sent, lastMessages, "messages sent");
 }
 
 }  // namespace CtrlSim

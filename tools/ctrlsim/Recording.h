@@ -30,6 +30,22 @@ struct RecordedMessage : Message {
     std::string ToString(size_t maxBodyBytes = 64) const;
 };
 
+// A whole message the simulator queued for the agent, as a handler or a test
+// gave it. `queued` is when it went into the connection's write queue, so the
+// agent cannot have read it before.
+struct SentMessage {
+    size_t connection = 0;
+    SteadyTime queued;
+    uint16_t type = 0;
+    uint16_t protocolId = 0;
+    uint32_t sessionId = 0;
+    Bytes body;
+
+    bool Is(uint16_t msgType, uint16_t protocol) const { return type == msgType && protocolId == protocol; }
+    // "conn 0 sent type 4 proto 257 session 0x00000001 bodylen 1 body 02" (the body's hex cut as above).
+    std::string ToString(size_t maxBodyBytes = 64) const;
+};
+
 // One accepted TCP connection.
 struct ConnectionRecord {
     size_t index = 0;
@@ -58,10 +74,12 @@ struct Recording {
     std::vector<ConnectionRecord> connections;
     std::vector<RecordedFrame> frames;
     std::vector<RecordedMessage> messages;
+    std::vector<SentMessage> sent;
     std::vector<Violation> violations;
 
-    // Several lines, one per connection, violation and message (the last
-    // `lastMessages` of them), for the failure text of a test.
+    // Several lines, one per connection, violation, message received and
+    // message sent (the last `lastMessages` of each), for the failure text of
+    // a test.
     std::string Summary(size_t lastMessages = 20) const;
 };
 

@@ -67,6 +67,16 @@ uint32_t SessionHandler::LastSessionId() const
     return _opens.empty() ? 0 : _opens.back().sessionId;
 }
 
+OutMessage SessionHandler::Ack(uint32_t sessionId)
+{
+    OutMessage ack;
+    ack.type = MsgType::SessionControl;
+    ack.protocolId = ProtocolId;
+    ack.sessionId = sessionId;
+    ack.body = {OpenAck};
+    return ack;
+}
+
 OutMessage SessionHandler::MasterUpdate(const std::string& address, uint32_t sessionId)
 {
     config::CcpLcpZunConfigMsg msg;
@@ -80,13 +90,13 @@ void SessionHandler::SendMaster(Peer& peer, const std::string& address)
     peer.Send(MasterUpdate(address, LastSessionId()));
 }
 
-void SessionHandler::SendSharding(Peer& peer)
+std::optional<OutMessage> SessionHandler::ShardingUpdate() const
 {
     config::CcpLcpZunConfigMsg msg;
     {
         std::lock_guard<std::mutex> lock(_mutex);
         if (_segments.empty()) {
-            return;
+            return std::nullopt;
         }
         msg.set_type(config::CcpLcpZunConfigMsg::SHARDING_ASSIGNMENT);
         auto* sharding = msg.mutable_sharding_assignment();
@@ -99,7 +109,14 @@ void SessionHandler::SendSharding(Peer& peer)
             slices->set_num_slices(segment.numSlices);
         }
     }
-    peer.Send(Update(msg, LastSessionId()));
+    return Update(msg, LastSessionId());
+}
+
+void SessionHandler::SendSharding(Peer& peer)
+{
+    if (const auto sharding = ShardingUpdate()) {
+        peer.Send(*sharding);
+    }
 }
 
 void SessionHandler::OnMessage(Peer& peer, const RecordedMessage& msg)
@@ -127,12 +144,7 @@ void SessionHandler::OnMessage(Peer& peer, const RecordedMessage& msg)
     if (!answer) {
         return;
     }
-    OutMessage ack;
-    ack.type = MsgType::SessionControl;
-    ack.protocolId = ProtocolId;
-    ack.sessionId = msg.header.sessionId;
-    ack.body = {OpenAck};
-    peer.Send(ack);
+    peer.Send(Ack(msg.header.sessionId));
     SendMaster(peer, master);
     SendSharding(peer);
 }

@@ -51,8 +51,12 @@ public:
     // The session id of the host's last Open; 0 before one.
     uint32_t LastSessionId() const;
 
-    // A MASTER_CONTROLLER update naming `address`, for ControllerSim::SendMessage.
+    // Messages for ControllerSim::SendMessage: the Open ACK, a
+    // MASTER_CONTROLLER update naming `address`, and the sharding assignment
+    // as set (none when unset), with the host's last session id.
+    static OutMessage Ack(uint32_t sessionId);
     static OutMessage MasterUpdate(const std::string& address, uint32_t sessionId);
+    std::optional<OutMessage> ShardingUpdate() const;
 
     // Sends MASTER_CONTROLLER naming `address`, and the sharding assignment
     // when one is set, on `peer`.

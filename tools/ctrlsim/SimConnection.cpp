@@ -129,7 +129,12 @@ void SimConnection::CheckFrameHeader(const FrameHeader& header)
 
 void SimConnection::Send(const OutMessage& msg)
 {
-    for (Bytes& frame : MessageWriter::Frames(msg)) {
+    std::vector<Bytes> frames = MessageWriter::Frames(msg);
+    if (_closed) {
+        return;
+    }
+    _owner.MessageSent(_index, msg, std::chrono::steady_clock::now());
+    for (Bytes& frame : frames) {
         SendRaw(std::move(frame));
     }
 }
