@@ -2,6 +2,7 @@
 
 #include "Assert.h"
 #include "ExtendedApp.h"
+#include "GlobalLock.h"
 #include "Logger.h"
 #include "MultiControllerApp.h"
 #include "TlvCommon.h"
@@ -46,6 +47,10 @@ boost::intrusive_ptr<App> AppManager::FindApp(uint16_t id, uint32_t instance) co
 
 void AppManager::StartAll()
 {
+    // At start-up the data-path link is already up and may be handling its
+    // peer's first message under the global lock: the apps start in turn
+    // with it, as every other piece of app code runs.
+    GlobalLockGuard lock;
     for (auto& entry : _apps) {
         ASSERT(entry.second);
         entry.second->Start();

@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include "App.h"
+#include "AppManager.h"
+#include "Assert.h"
 #include "AsyncTimer.h"
 #include "Configuration.h"
 #include "GlobalLock.h"
@@ -189,6 +192,43 @@ TEST(GlobalLockTest, AvailableToItsHolderButNotToOthers)
     GlobalLockGuard lock;
     EXPECT_TRUE(IsLockAvailable());
     EXPECT_FALSE(std::async(std::launch::async, [] { return IsLockAvailable(); }).get());
+}
+
+// An app that, like the agent's own, checks the global lock when it starts.
+class LockCheckingApp : public App {
+public:
+    LockCheckingApp() : App(APP_ID_TRACEFLOW, 0, "LockChecking") {}
+    void Start() override
+    {
+        ASSERT(IsLockAvailable());
+        started = true;
+    }
+    void HandleEvent(const boost::intrusive_ptr<Event>&) override {}
+    void HandleMsg(const uint8_t*, uint32_t, const ConnKey&) override {}
+    bool started = false;
+};
+
+// At start-up another thread (the data-path link's) may hold the global lock
+// when the apps are started: they wait their turn instead of failing the check.
+TEST(AppManagerTest, AppsStartInTurnWithAnotherThreadHoldingTheLock)
+{
+    AppManager::Create();
+    boost::intrusive_ptr<LockCheckingApp> app(new LockCheckingApp());
+    AppManager::Get()->RegisterApp(app);
+    std::promise<void> held;
+    std::atomic<bool> released{false};
+    std::thread holder([&] {
+        GlobalLockGuard lock;
+        held.set_value();
+        std::this_thread::sleep_for(100ms);
+        released = true;
+    });
+    held.get_future().wait();
+    AppManager::Get()->StartAll();
+    EXPECT_TRUE(app->started);
+    EXPECT_TRUE(released);
+    holder.join();
+    AppManager::Destroy();
 }
 
 TEST(ConfigurationDeathTest, ThreadCountsBelowOnePanic)
