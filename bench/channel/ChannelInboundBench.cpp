@@ -34,6 +34,7 @@
 #include <boost/asio/ssl/stream.hpp>
 
 #include "AppManager.h"
+#include "ChannelCore.h"
 #include "Configuration.h"
 #include "CoreApp.h"
 #include "CtrlConnPool.h"
@@ -45,7 +46,6 @@
 #include "LogLevel.h"
 #include "MessageWriter.h"
 #include "SelfSignedCert.h"
-#include "ShardingMgr.h"
 #include "TempDir.h"
 #include "TlsStreamServer.h"
 #include "WorkGroup.h"
@@ -160,11 +160,7 @@ struct Channel {
         const ConnKey key("127.0.0.1", 0);
         {
             GlobalLockGuard lock;
-            AppManager::Create();
-            CtrlConnPool::Init();
-            ShardingMgr::Init();
-            CoreApp::Init();
-            AppManager::Get()->RegisterApp(CoreApp::Get());
+            ChannelCore::Create();
             AppManager::Get()->RegisterApp(sink);
             CoreApp::Get()->Start();
             Configuration::SetHostCertFiles(Fixture::Get().host.keyFile, Fixture::Get().host.certFile);

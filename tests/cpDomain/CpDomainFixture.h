@@ -9,6 +9,7 @@
 
 #include "AppManager.h"
 #include "CPDomainManager.h"
+#include "ChannelCore.h"
 #include "Configuration.h"
 #include "CoreApp.h"
 #include "CtrlConn.h"
@@ -20,7 +21,6 @@
 #include "IoService.h"
 #include "MsgScheduler.h"
 #include "RemoteSessionUpdate.h"
-#include "ShardingMgr.h"
 #include "StateCache.h"
 #include "StateCacheRemoteSessionTable.h"
 
@@ -54,11 +54,7 @@ protected:
 
     void SetUp() override
     {
-        ZUNChannel::AppManager::Create();
-        ZUNChannel::CtrlConnPool::Init();
-        ZUNChannel::ShardingMgr::Init();
-        ZUNChannel::CoreApp::Init();
-        ZUNChannel::AppManager::Get()->RegisterApp(ZUNChannel::CoreApp::Get());
+        ZUNChannel::ChannelCore::Create();
         FenREL::StateCache::Init();
         FenREL::CPDomainManager::Create()->Start(ZUNChannel::AppManager::Get());
     }
@@ -73,12 +69,7 @@ protected:
         // The manager stays for the process: the config table keeps its local
         // observers for good.
         FenREL::CPDomainManager::Get()->Stop();
-        ZUNChannel::Configuration::SetConnList({});
-        ZUNChannel::CoreApp::Destroy();
-        ZUNChannel::CtrlConnPool::Destroy();
-        ZUNChannel::ShardingMgr::Destroy();
-        ZUNChannel::AppManager::Destroy();
-        ZUNChannel::Configuration::ClearNodeUuids();
+        ZUNChannel::ChannelCore::Destroy();
         ZUNChannel::IoService::Get()->poll();
         ZUNChannel::IoService::Get()->restart();
     }

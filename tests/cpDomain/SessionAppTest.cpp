@@ -13,6 +13,7 @@
 #include "CtrlMsg.h"
 #include "LogCapture.h"
 #include "SessionApp.h"
+#include "ShardingMgr.h"
 #include "ccp_lcp_config.pb.h"
 
 namespace {

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "AppManager.h"
+#include "ChannelCore.h"
 #include "ConfigManager.h"
 #include "Configuration.h"
 #include "ControllerSim.h"
@@ -23,7 +24,6 @@
 #include "GlobalLock.h"
 #include "IOWorker.h"
 #include "SelfSignedCert.h"
-#include "ShardingMgr.h"
 #include "TempDir.h"
 #include "WaitFor.h"
 #include "WorkGroup.h"
@@ -80,11 +80,7 @@ protected:
         _controllerCert = CtrlSim::SelfSignedCert::Make(_dir.Path(), "controller");
         _hostCert = CtrlSim::SelfSignedCert::Make(_dir.Path(), "host");
         GlobalLockGuard lock;
-        AppManager::Create();
-        CtrlConnPool::Init();
-        ShardingMgr::Init();
-        CoreApp::Init();
-        AppManager::Get()->RegisterApp(CoreApp::Get());
+        ChannelCore::Create();
         _app = new TestApp();
         AppManager::Get()->RegisterApp(_app);
         CoreApp::Get()->Start();
@@ -96,12 +92,7 @@ protected:
             sim->Stop();
         }
         GlobalLockGuard lock;
-        Configuration::SetConnList({});
-        CoreApp::Destroy();
-        CtrlConnPool::Destroy();
-        ShardingMgr::Destroy();
-        AppManager::Destroy();
-        Configuration::ClearNodeUuids();
+        ChannelCore::Destroy();
     }
 
     CtrlSim::ControllerSim& StartSim(bool tls, const std::string& address = "127.0.0.1")

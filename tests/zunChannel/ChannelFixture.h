@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "AppManager.h"
+#include "ChannelCore.h"
 #include "Configuration.h"
 #include "CoreApp.h"
 #include "CtrlConnEvent.h"
@@ -14,7 +15,6 @@
 #include "ExtendedApp.h"
 #include "GlobalLock.h"
 #include "IoService.h"
-#include "ShardingMgr.h"
 
 namespace FenRELTest {
 
@@ -25,21 +25,12 @@ class ChannelFixture : public testing::Test {
 protected:
     void SetUp() override
     {
-        ZUNChannel::AppManager::Create();
-        ZUNChannel::CtrlConnPool::Init();
-        ZUNChannel::ShardingMgr::Init();
-        ZUNChannel::CoreApp::Init();
-        ZUNChannel::AppManager::Get()->RegisterApp(ZUNChannel::CoreApp::Get());
+        ZUNChannel::ChannelCore::Create();
     }
 
     void TearDown() override
     {
-        ZUNChannel::Configuration::SetConnList({});
-        ZUNChannel::CoreApp::Destroy();
-        ZUNChannel::CtrlConnPool::Destroy();
-        ZUNChannel::ShardingMgr::Destroy();
-        ZUNChannel::AppManager::Destroy();
-        ZUNChannel::Configuration::ClearNodeUuids();
+        ZUNChannel::ChannelCore::Destroy();
         // Let the cancelled timers release what they hold.
         ZUNChannel::IoService::Get()->poll();
         ZUNChannel::IoService::Get()->restart();

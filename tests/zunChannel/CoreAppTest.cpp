@@ -10,6 +10,7 @@
 #include "CtrlMsg.h"
 #include "FrameBytes.h"
 #include "LogCapture.h"
+#include "ShardingMgr.h"
 
 namespace {
 

@@ -9,6 +9,7 @@
 #include "CtrlMsg.h"
 #include "MultiControllerApp.h"
 #include "ShardingElemID.h"
+#include "ShardingMgr.h"
 
 namespace {
 

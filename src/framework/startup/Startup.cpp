@@ -1,3 +1,4 @@
+#include "ChannelCore.h"
 #include "Startup.h"
 
 #include <syslog.h>
@@ -16,8 +17,6 @@
 #include "CPDomainManager.h"
 #include "ConfigManager.h"
 #include "Configuration.h"
-#include "CoreApp.h"
-#include "CtrlConnPool.h"
 #include "DPPlatform.h"
 #include "IOWorker.h"
 #include "IoService.h"
@@ -97,11 +96,7 @@ void Startup::StartChannelCore()
             std::make_shared<ZUNChannel::WorkItemImpl<ZUNChannel::IOWorker>>(worker,
                                                                             &ZUNChannel::IOWorker::Run));
     }
-    ZUNChannel::AppManager::Create();
-    ZUNChannel::CtrlConnPool::Init();
-    ZUNChannel::ShardingMgr::Init();
-    ZUNChannel::CoreApp::Init();
-    ZUNChannel::AppManager::Get()->RegisterApp(ZUNChannel::CoreApp::Get());
+    ZUNChannel::ChannelCore::Create();
 }
 
 void Startup::StopChannelCore()
