@@ -434,8 +434,12 @@ TEST_F(ChannelTest, ReloadedListResetsAChangedControllerAndDropsARemovedOne)
         // Only the list's share holds the second connection from now on.
         CtrlConnPool::Get()->UnregisterConn(ConnKey("127.0.0.2", 0), _app->GetKey());
     }
-    ASSERT_TRUE(first.WaitForUp(0, 10s));
-    ASSERT_TRUE(removed.WaitForUp(0, 10s));
+    // The agent's hello shows that its side of each connection is up too: a
+    // change of configuration resets only a connected connection, and leaves
+    // an attempt under way to the old port.
+    const auto hello = CtrlSim::ControllerSim::MessageOf(CtrlSim::MsgType::Hello, 0);
+    ASSERT_TRUE(first.WaitForMessage(hello, 10s));
+    ASSERT_TRUE(removed.WaitForMessage(hello, 10s));
 
     // The same controller address moves to another port; the second leaves.
     auto& moved = StartSim(false, "127.0.0.1");
