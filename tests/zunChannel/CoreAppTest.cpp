@@ -1,5 +1,4 @@
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -16,6 +15,7 @@ namespace {
 
 using namespace ZUNChannel;
 using FenRELTest::Bytes;
+using FenRELTest::Concat;
 
 const ConnKey kKey("10.1.1.1", 0);
 
@@ -26,15 +26,6 @@ Bytes Tlv(uint16_t type, const Bytes& value)
                  static_cast<uint8_t>(length)};
     tlv.insert(tlv.end(), value.begin(), value.end());
     return tlv;
-}
-
-Bytes Concat(std::initializer_list<Bytes> parts)
-{
-    Bytes all;
-    for (const Bytes& part : parts) {
-        all.insert(all.end(), part.begin(), part.end());
-    }
-    return all;
 }
 
 // A controller's hello: header, flags byte, TLVs.
@@ -62,42 +53,27 @@ protected:
     boost::intrusive_ptr<CtrlConn> _conn;
 };
 
-TEST_F(CoreAppTest, HelloIs36BytesWithoutFeaturesAndCarriesTheInstancesNodeUuid)
-{
-    AppManager::Destroy();
-    AppManager::Create();
-    UUID first;
-    UUID second;
-    ASSERT_TRUE(UUID::FromString("11111111-2222-3333-4444-555555555555", first));
-    ASSERT_TRUE(UUID::FromString("66666666-7777-8888-9999-aaaaaaaaaaaa", second));
-    Configuration::AddNodeUuid(first);
-    Configuration::AddNodeUuid(second);
-
-    for (uint32_t instance : {0u, 1u, 2u}) {
-        uint8_t* hello = CoreApp::BuildHello(instance);
-        ASSERT_EQ(36, CtrlMsg::Length(hello));
-        EXPECT_EQ(1, CtrlMsg::Type(hello));
-        EXPECT_EQ(0, CtrlMsg::ProtocolId(hello));
-        EXPECT_EQ(0xFFFFFFFFu, CtrlMsg::SessionId(hello));
-        EXPECT_EQ(0x80, hello[15]);
-        const Bytes uuidTlv(hello + 16, hello + 36);
-        const UUID expected = instance == 0 ? first : instance == 1 ? second : UUID();
-        Bytes wanted = Tlv(6, Bytes(expected.GetBytes().begin(), expected.GetBytes().end()));
-        EXPECT_EQ(wanted, uuidTlv) << "instance " << instance;
-        free(hello);
-    }
-}
-
-TEST_F(CoreAppTest, HelloCarriesOneFeatureTlvPerExtendedAppOfTheInstance)
+// Each instance's hello: one feature TLV per extended app of the instance,
+// then the instance's node UUID, nil beyond the configured ones.
+TEST_F(CoreAppTest, HelloCarriesTheFeaturesAndTheNodeUuidOfItsInstance)
 {
     AppManager::Get()->RegisterApp(new FenRELTest::RecordingApp(APP_ID_CONFIG, 0, 3));
-    AppManager::Get()->RegisterApp(new FenRELTest::RecordingApp(APP_ID_VDRB, 1));  // other instance
-    uint8_t* hello = CoreApp::BuildHello(0);
-    // 40 + two features of 5 bytes: L2 (64) version 1 and Config (256) version 3.
-    ASSERT_EQ(50, CtrlMsg::Length(hello));
-    const Bytes features(hello + 16, hello + 30);
-    EXPECT_EQ(Tlv(1, Concat({Tlv(64, {1}), Tlv(256, {3})})), features);
-    free(hello);
+    AppManager::Get()->RegisterApp(new FenRELTest::RecordingApp(APP_ID_VDRB, 1));
+    UUID uuids[3];
+    ASSERT_TRUE(UUID::FromString("11111111-2222-3333-4444-555555555555", uuids[0]));
+    ASSERT_TRUE(UUID::FromString("66666666-7777-8888-9999-aaaaaaaaaaaa", uuids[1]));
+    Configuration::AddNodeUuid(uuids[0]);
+    Configuration::AddNodeUuid(uuids[1]);
+    const Bytes features[3] = {Tlv(1, Concat({Tlv(APP_ID_L2, {1}), Tlv(APP_ID_CONFIG, {3})})),
+                               Tlv(1, Tlv(APP_ID_VDRB, {1})), {}};
+    for (uint32_t instance : {0u, 1u, 2u}) {
+        uint8_t* hello = CoreApp::BuildHello(instance);
+        const auto& uuid = uuids[instance].GetBytes();
+        EXPECT_EQ(Hello(Concat({features[instance], Tlv(6, Bytes(uuid.begin(), uuid.end()))})),
+                  Bytes(hello, hello + CtrlMsg::Length(hello)))
+            << "instance " << instance;
+        free(hello);
+    }
 }
 
 TEST_F(CoreAppTest, ReadyAfterBothHellosAndOnlyOnce)

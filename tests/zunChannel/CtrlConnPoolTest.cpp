@@ -1,7 +1,3 @@
-#include <openssl/pem.h>
-#include <openssl/x509.h>
-
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -127,12 +123,6 @@ TEST_F(CtrlConnPoolTest, UnknownKeysAreNoOps)
     EXPECT_EQ("connection_refused", pool->GetConnStatus(unknown));
     pool->SetConnStatus(unknown, "");
     EXPECT_EQ("", pool->GetConnStatus(unknown));
-}
-
-TEST_F(CtrlConnPoolTest, UnreadableHostFilesLeaveThePoolWithoutContext)
-{
-    CtrlConnPool::Get()->SetHostCert("/nonexistent/key.pem", "/nonexistent/cert.pem");
-    EXPECT_FALSE(CtrlConnPool::Get()->GetSslContext());
 }
 
 }  // namespace

@@ -324,16 +324,4 @@ TEST_F(MsgSchedulerTest, RefillTimerKicksEveryHundredMilliseconds)
     EXPECT_EQ(2u, _writer->written.size());
 }
 
-TEST_F(MsgSchedulerTest, StatsTimerLogsTheSentCount)
-{
-    _scheduler->GetTokenBucket()->Refill(10);
-    EnqueueFrames(3);
-    _scheduler->Kick();
-    _writer->CompleteAll();
-    LogCapture log;
-    _scheduler->OnStatsTimer();
-    EXPECT_NE(std::string::npos, log.Text().find("MsgScheduler: current msg count (interval = 30s)  3"))
-        << log.Text();
-}
-
 }  // namespace

@@ -93,45 +93,4 @@ INSTANTIATE_TEST_SUITE_P(
                     TlvDeathCase{"ExactlyFourDeclaringTwo", {0, 1, 0, 2}}),
     [](const testing::TestParamInfo<TlvDeathCase>& info) { return std::string(info.param.name); });
 
-TEST(TlvCommonTest, TypedValuesNeedTheirLength)
-{
-    for (uint16_t length = 4; length <= 24; ++length) {
-        Bytes tlv = {0, 1, static_cast<uint8_t>(length >> 8), static_cast<uint8_t>(length)};
-        for (uint8_t i = 1; i <= 20; ++i) {
-            tlv.push_back(i);
-        }
-        uint16_t u16 = 0;
-        uint32_t u32 = 0;
-        uint8_t u128[16] = {};
-        EXPECT_EQ(length >= 6, TlvCommon::ReadU16(tlv.data(), u16)) << length;
-        EXPECT_EQ(length >= 8, TlvCommon::ReadU32(tlv.data(), u32)) << length;
-        EXPECT_EQ(length >= 20, TlvCommon::ReadU128(tlv.data(), u128)) << length;
-        EXPECT_EQ(length >= 4 ? length - 4u : 0u, TlvCommon::ValueLength(tlv.data()));
-        if (length >= 20) {
-            EXPECT_EQ(0x0102, u16);
-            EXPECT_EQ(0x01020304u, u32);
-            EXPECT_EQ(Bytes(tlv.begin() + 4, tlv.begin() + 20), Bytes(u128, u128 + 16));
-        }
-    }
-}
-
-TEST(TlvCommonTest, WritersProduceBigEndianTlvs)
-{
-    uint8_t out[64];
-    uint8_t uuid[16];
-    for (uint8_t i = 0; i < 16; ++i) {
-        uuid[i] = static_cast<uint8_t>(0xF0 + i);
-    }
-    size_t n = TlvCommon::WriteU16(out, 2, 0xBEEF);
-    EXPECT_EQ(Bytes({0, 2, 0, 6, 0xBE, 0xEF}), Bytes(out, out + n));
-    n = TlvCommon::WriteU32(out, 5, 0x01020304);
-    EXPECT_EQ(Bytes({0, 5, 0, 8, 1, 2, 3, 4}), Bytes(out, out + n));
-    n = TlvCommon::WriteU128(out, 6, uuid);
-    ASSERT_EQ(20u, n);
-    EXPECT_EQ(Bytes({0, 6, 0, 20}), Bytes(out, out + 4));
-    EXPECT_EQ(Bytes(uuid, uuid + 16), Bytes(out + 4, out + 20));
-    EXPECT_EQ(4u, TlvCommon::Write(out, 0x0102, nullptr, 0));
-    EXPECT_EQ(Bytes({1, 2, 0, 4}), Bytes(out, out + 4));
-}
-
 }  // namespace
