@@ -1,7 +1,3 @@
-#include <cstdlib>
-#include <cstring>
-#include <iostream>
-#include <random>
 #include <set>
 #include <sstream>
 #include <string>
@@ -18,6 +14,7 @@
 #include "LogCapture.h"
 #include "StateCacheConfigTable.h"
 #include "StateCacheL2Table.h"
+#include "StateCacheSweep.h"
 #include "config_entity_properties.pb.h"
 
 namespace {
@@ -122,7 +119,7 @@ protected:
     void SetUp() override
     {
         CpDomainFixture::SetUp();
-        ClearStateCache();
+        FenRELTest::SweepStateCache();
         _l2Table = FenREL::StateCache::GetInstance()->GetL2Table();
         _app = new L2App();
         AppManager::Get()->RegisterApp(_app);
@@ -135,38 +132,7 @@ protected:
         _app->DeleteAllElems();
         _app.reset();
         CpDomainFixture::TearDown();
-        ClearStateCache();  // the cache outlives the test
-    }
-
-    static void ClearStateCache()
-    {
-        FenREL::StateCache* cache = FenREL::StateCache::GetInstance();
-        FenREL::StateCacheL2Table* table = cache->GetL2Table();
-        l2::L2UpdateVtepMsg vtep;
-        if (table->GetDRVtep(vtep)) {
-            table->AtomicUpdateLocalL2Cache(LocalVtep(vtep, RoutingItem::DEL), false);
-        }
-        std::vector<uint32_t> vnis;
-        table->ListVnis(FenREL::L2Side::Local, vnis);
-        for (uint32_t vni : vnis) {
-            table->AtomicUpdateLocalL2Cache(VniEntry(vni, 0, MappingItem::DEL), false);
-        }
-        vnis.clear();
-        table->ListVnis(FenREL::L2Side::Remote, vnis);
-        for (uint32_t vni : vnis) {
-            table->RemoveRemoteL2ForVni(vni);
-        }
-        std::vector<com::corvid::zun::UuidMsg> domains;
-        table->ListRoutingDomains(domains);
-        for (const auto& domain : domains) {
-            table->RemoveRemoteL2ForRoutingDomain(domain);
-        }
-        cache->GetConfigTable()->AtomicUpdateRemoteCache(std::vector<config::ZunConfigDeltaMsg>(), true);
-        std::vector<RemoteSessionUpdate> sessions;
-        cache->GetRemoteSessionTable()->QuerySessions(sessions);
-        for (const RemoteSessionUpdate& session : sessions) {
-            cache->GetRemoteSessionTable()->RemoveSession(session.sessionType, session.index);
-        }
+        FenRELTest::SweepStateCache();
     }
 
     static l2::L2UpdateMsg LocalVtep(const l2::L2UpdateVtepMsg& vtep, RoutingItem::Operation op)
@@ -499,55 +465,6 @@ TEST_F(L2AppTest, LocalVtepWithoutAddressIsFatal)
     l2::L2UpdateMsg msg;
     msg.add_routing_vtep_update()->add_items()->set_op(RoutingItem::ADD);
     EXPECT_DEATH(Deliver(msg), "ASSERT");
-}
-
-// Whatever mix of full syncs and deltas the controller sends for a VNI, in
-// whatever frames, the remote table ends as the last full sync plus the deltas
-// after it.
-TEST_F(L2AppTest, RandomFullSyncsAndDeltasLeaveTheLastFullSyncPlusLaterDeltas)
-{
-    const char* fixed = getenv("FENREL_TEST_SEED");
-    const uint32_t seed = fixed ? static_cast<uint32_t>(strtoul(fixed, nullptr, 10)) : std::random_device()();
-    std::cout << "seed " << seed << " (FENREL_TEST_SEED to repeat)" << std::endl;
-    RecordProperty("seed", std::to_string(seed));
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    auto chance = [&random](int percent) { return static_cast<int>(random() % 100) < percent; };
-
-    SessionUp();
-    Deliver(VniEntry(kVni, 7));
-    std::set<uint64_t> model;
-    for (int step = 0; step < 150; ++step) {
-        l2::L2UpdateMsg msg;
-        if (step == 0 || chance(15)) {
-            model.clear();
-            for (uint64_t mac = 1; mac <= 30; ++mac) {
-                if (chance(40)) {
-                    model.insert(mac);
-                }
-            }
-            msg = ControllerFullSync(kVni, model);
-        } else {
-            std::set<uint64_t> adds;
-            std::set<uint64_t> dels;
-            for (uint64_t mac = 1; mac <= 30; ++mac) {
-                if (chance(15)) {
-                    // An ADD of a present MAC changes nothing.
-                    (model.count(mac) != 0 && chance(60) ? dels : adds).insert(mac);
-                }
-            }
-            if (adds.empty() && dels.empty()) {
-                continue;
-            }
-            msg = Macs(kVni, adds, dels);
-            for (uint64_t mac : dels) {
-                model.erase(mac);
-            }
-            model.insert(adds.begin(), adds.end());
-        }
-        ReceiveInFragments(msg, static_cast<uint16_t>(16 + random() % 300));
-        ASSERT_EQ(model, RemoteMacs(kVni)) << "after step " << step;
-    }
 }
 
 }  // namespace
