@@ -3,8 +3,6 @@
 
 #include "LogLevel.h"
 #include "StateCache.h"
-#include "StateCacheConfigTable.h"
-#include "StateCacheL2Table.h"
 #include "StateCacheRemoteSessionTable.h"
 #include "StateCacheTestSupport.h"
 
@@ -19,17 +17,6 @@ TEST(StateCacheDeathTest, GetInstanceBeforeInitStops)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(StateCache::GetInstance(), "Panic: ASSERT src/stateCache/StateCache.cpp");
-}
-
-TEST(StateCacheTest, InitTwiceKeepsTheFirstAndItsTablesAreTheProcessTables)
-{
-    StateCache::Init();
-    StateCache* first = StateCache::GetInstance();
-    StateCache::Init();
-    EXPECT_EQ(first, StateCache::GetInstance());
-    EXPECT_EQ(FenREL::StateCacheConfigTable::GetInstance().get(), first->GetConfigTable());
-    EXPECT_EQ(FenREL::StateCacheL2Table::GetInstance().get(), first->GetL2Table());
-    EXPECT_EQ(FenREL::StateCacheRemoteSessionTable::GetInstance().get(), first->GetRemoteSessionTable());
 }
 
 TEST(StateCacheTest, DumpWritesFiveHeadersAtInfoAndTheTablesAtVerbose)
