@@ -481,17 +481,6 @@ TEST_F(ConfigManagerTest, NewCertificateReplacesTheEntryAndEntriesLeftOutArePurg
     EXPECT_EQ((std::vector<std::string>{"1 10.0.0.1 pemKey", "2 10.0.0.3"}), FileEntries(_controllerFile));
 }
 
-TEST_F(ConfigManagerTest, ControllerNamedTwiceInTheFileEndsWithOneEntry)
-{
-    ConfigManager& manager = Start(ControllerFile(
-        Connection("10.0.0.1", 1234, false, "", "x") + Connection("10.0.0.1", 1234, false, "", "y") +
-        Connection("10.0.0.1", 1234, false, "", "x") + Connection("10.0.0.2", 1235, false)));
-    ASSERT_EQ(3u, manager.GetConnections().size());
-    Receive(manager, UpdateBytes({Controller(0x0A000001, 1234)}));
-    EXPECT_EQ((std::vector<std::string>{"10.0.0.1:1234"}), Endpoints(manager.GetConnections()));
-    EXPECT_EQ((std::vector<std::string>{"1 10.0.0.1"}), FileEntries(_controllerFile));
-}
-
 TEST_F(ConfigManagerTest, EmptyListRemovesEveryControllerDespiteItsLogLine)
 {
     ConfigManager& manager =

@@ -42,15 +42,6 @@ INSTANTIATE_TEST_SUITE_P(
                     FormatCase{"ends with %", {}, "ends with %"},
                     FormatCase{"%9", {"1", "2", "3", "4", "5", "6", "7", "8", "nine"}, "nine"}));
 
-TEST(LogArgTest, BytesAreNumbersNotCharacters)
-{
-    using FenREL::ToLogArg;
-    EXPECT_EQ("186", ToLogArg(static_cast<uint8_t>(0xBA)));
-    EXPECT_EQ("x", ToLogArg('x'));
-    EXPECT_EQ("true", ToLogArg(true));
-    EXPECT_EQ("18446744073709551615", ToLogArg(18446744073709551615ULL));
-}
-
 TEST(Rfc5424Test, HeaderAndStructuredData)
 {
     const int priorities[] = {0, 179, 179, 180, 182, 183, 183};

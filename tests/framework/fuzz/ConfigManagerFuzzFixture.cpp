@@ -102,17 +102,7 @@ bool ConfigManagerFuzzFixture::ReloadGives(const ControllerMap& expected)
     ZUNChannel::Configuration::ClearNodeUuids();
     Manager().ConfigLoad();
     ControllerMap reloaded;
-    if (!CurrentControllers(reloaded) || reloaded.size() != expected.size()) {
-        return false;
-    }
-    for (const auto& entry : expected) {
-        const auto found = reloaded.find(entry.first);
-        if (found == reloaded.end() || found->second.sslEnabled != entry.second.sslEnabled ||
-            found->second.certificatePem != entry.second.certificatePem) {
-            return false;
-        }
-    }
-    return true;
+    return CurrentControllers(reloaded) && reloaded == expected;
 }
 
 std::string ConfigManagerFuzzFixture::ReadControllerFile() const
