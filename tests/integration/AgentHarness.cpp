@@ -1,8 +1,7 @@
 #include "AgentHarness.h"
 
 #include <algorithm>
-#include <fstream>
-#include <sstream>
+#include <filesystem>
 
 namespace FenRELTest {
 
@@ -10,16 +9,10 @@ AgentHarness::AgentHarness()
 {
     _root.Write("etc/corvid/zun/.keep", "");
     _controllerCert = CtrlSim::SelfSignedCert::Make(_root.Path(), "controller");
-    _hostCert = CtrlSim::SelfSignedCert::Make(_root.Path(), "host");
     // The host's identity where the daemon looks for it by default.
-    std::ifstream key(_hostCert.keyFile);
-    std::ifstream cert(_hostCert.certFile);
-    std::stringstream keyText;
-    std::stringstream certText;
-    keyText << key.rdbuf();
-    certText << cert.rdbuf();
-    _root.Write("etc/corvid/zun/host-privkey.pem", keyText.str());
-    _root.Write("etc/corvid/zun/host-cert.pem", certText.str());
+    const CtrlSim::SelfSignedCert host = CtrlSim::SelfSignedCert::Make(_root.Path(), "host");
+    std::filesystem::copy_file(host.keyFile, _root.File("etc/corvid/zun/host-privkey.pem"));
+    std::filesystem::copy_file(host.certFile, _root.File("etc/corvid/zun/host-cert.pem"));
 }
 
 AgentHarness::~AgentHarness()

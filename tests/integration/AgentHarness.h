@@ -27,8 +27,6 @@ public:
     ~AgentHarness();
 
     const std::string& Root() const { return _root.Path(); }
-    TempDir& Dir() { return _root; }
-    const CtrlSim::SelfSignedCert& ControllerCert() const { return _controllerCert; }
 
     // A simulated controller on 127.0.0.`host`, TLS with the controller
     // certificate unless `tls` is false.
@@ -67,7 +65,6 @@ public:
 private:
     TempDir _root;
     CtrlSim::SelfSignedCert _controllerCert;
-    CtrlSim::SelfSignedCert _hostCert;
     std::vector<std::unique_ptr<CtrlSim::ControllerSim>> _controllers;
     std::unique_ptr<DpSim::DataPathSim> _dataPath;
     std::unique_ptr<DaemonProcess> _daemon;

@@ -1,10 +1,9 @@
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -65,15 +64,11 @@ TEST(SyslogTest, RsyslogParsesTheDaemonsDatagrams)
     const std::string file = dir.Write("root/etc/corvid/zun/fenrel.xml", config.ToXml());
     DaemonProcess daemon(DaemonProcess::FenrelBinary(), {"-c", file}, {{"FENREL_ROOT", dir.File("root")}},
                          dir.Path());
-    int status = 0;
-    ASSERT_TRUE(daemon.WaitExit(10s, status));
+    ASSERT_TRUE(daemon.WaitExit(10s));
 
     const std::string expected = "PRI=179 APP=ZUN PROCID=" + std::to_string(daemon.Pid()) +
                                  " MSGID=- SD=[zun@31415 comp=\"zun-controller\" subcomp=\"fenrel\" tid=\"";
-    auto content = [&] {
-        std::ifstream in(received);
-        return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    };
+    auto content = [&] { return dir.Read("received.log"); };
     ASSERT_TRUE(FenRELTest::WaitFor(
         [&] { return content().find("Got error when initializing net applications") != std::string::npos; }, 20s,
         "rsyslogd to write the daemon's error", content));
@@ -84,7 +79,7 @@ TEST(SyslogTest, RsyslogParsesTheDaemonsDatagrams)
         << log;
     // A verbose line travels at priority 183 (local6.debug).
     EXPECT_NE(std::string::npos, log.find("PRI=183 APP=ZUN")) << log;
-    kill(syslog.Pid(), SIGTERM);
+    syslog.Signal(SIGTERM);
 }
 
 }  // namespace

@@ -27,17 +27,12 @@ std::string ReadAll(const std::string& path)
 
 }  // namespace
 
-std::string DaemonProcess::BuildPath(const std::string& relative)
+std::string DaemonProcess::FenrelBinary()
 {
     // The build tree this test binary belongs to, unless the environment
     // points elsewhere (an installed or relocated tree).
     const char* dir = getenv("FENREL_BINARY_DIR");
-    return std::string(dir != nullptr ? dir : FENREL_BUILD_DIR) + "/" + relative;
-}
-
-std::string DaemonProcess::FenrelBinary()
-{
-    return BuildPath("src/framework/startup/fenrel");
+    return std::string(dir != nullptr ? dir : FENREL_BUILD_DIR) + "/src/framework/startup/fenrel";
 }
 
 DaemonProcess::DaemonProcess(std::string program, std::vector<std::string> args,
@@ -101,13 +96,6 @@ testing::AssertionResult DaemonProcess::WaitForStdout(const std::string& text,
                    "\"" + text + "\" on standard output", [&] { return Stdout() + Stderr(); });
 }
 
-testing::AssertionResult DaemonProcess::WaitForStderr(const std::string& text,
-                                                      std::chrono::milliseconds timeout) const
-{
-    return WaitFor([&] { return Stderr().find(text) != std::string::npos; }, timeout,
-                   "\"" + text + "\" on standard error", [&] { return Stderr(); });
-}
-
 size_t DaemonProcess::CountInStdout(const std::string& text) const
 {
     const std::string out = Stdout();
@@ -123,19 +111,25 @@ void DaemonProcess::Signal(int signum) const
     kill(_pid, signum);
 }
 
-testing::AssertionResult DaemonProcess::WaitExit(std::chrono::milliseconds timeout, int& status)
+testing::AssertionResult DaemonProcess::WaitExit(std::chrono::milliseconds timeout, const std::string& how)
 {
+    int status = 0;
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        const pid_t done = waitpid(_pid, &status, WNOHANG);
-        if (done == _pid) {
-            _reaped = true;
-            return testing::AssertionSuccess();
+    while (waitpid(_pid, &status, WNOHANG) != _pid) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return testing::AssertionFailure() << "process " << _pid << " still running after " << timeout.count()
+                                               << " ms; stderr: " << Stderr();
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    return testing::AssertionFailure() << "process " << _pid << " still running after " << timeout.count()
-                                       << " ms; stderr: " << Stderr();
+    _reaped = true;
+    const std::string ended = WIFEXITED(status) ? "exit " + std::to_string(WEXITSTATUS(status))
+                                                : "signal " + std::to_string(WTERMSIG(status));
+    if (!how.empty() && ended != how) {
+        return testing::AssertionFailure() << "process " << _pid << " ended by " << ended << ", not " << how
+                                           << "; stderr: " << Stderr();
+    }
+    return testing::AssertionSuccess();
 }
 
 bool DaemonProcess::IsRunning()

@@ -25,22 +25,20 @@ public:
 
     // The built `fenrel` binary of this tree.
     static std::string FenrelBinary();
-    // A binary of the build tree, by its path relative to the build directory.
-    static std::string BuildPath(const std::string& relative);
 
     pid_t Pid() const { return _pid; }
     std::string Stdout() const;
     std::string Stderr() const;
 
-    // Waits until standard output (or error) holds `text`.
+    // Waits until standard output holds `text`.
     testing::AssertionResult WaitForStdout(const std::string& text, std::chrono::milliseconds timeout) const;
-    testing::AssertionResult WaitForStderr(const std::string& text, std::chrono::milliseconds timeout) const;
     // Counts the occurrences of `text` in standard output.
     size_t CountInStdout(const std::string& text) const;
 
     void Signal(int signum) const;
-    // Waits for the process to end; the raw wait status goes to `status`.
-    testing::AssertionResult WaitExit(std::chrono::milliseconds timeout, int& status);
+    // Waits for the process to end as `how` says, "exit <code>" or
+    // "signal <number>"; "" takes any end.
+    testing::AssertionResult WaitExit(std::chrono::milliseconds timeout, const std::string& how = "");
     bool IsRunning();
 
 private:

@@ -28,10 +28,6 @@ std::string MainConfigXml::ToXml() const
         xml += "    <support/>\n";
     }
     xml += "    <configManager>" + configManager + "</configManager>\n";
-    if (!zunagentLinkPath.empty()) {
-        xml += "    <zunagentLink><path>" + zunagentLinkPath + "</path></zunagentLink>\n";
-    }
-    xml += extraFenrel;
     xml += "  </fenrel>\n</config>\n";
     return xml;
 }

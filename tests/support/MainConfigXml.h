@@ -25,9 +25,6 @@ struct MainConfigXml {
     bool withSupport = false;
     // Inner XML of <configManager>.
     std::string configManager;
-    std::string zunagentLinkPath;
-    // Any further XML inside <fenrel>.
-    std::string extraFenrel;
 
     std::string ToXml() const;
 };
