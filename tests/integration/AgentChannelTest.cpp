@@ -52,7 +52,7 @@ TEST(AgentChannelTest, ControllerWithAnotherCertificateIsRefused)
     EXPECT_EQ(0u, controller.MessageCount());
 }
 
-TEST(AgentChannelTest, SilentControllerIsResetAfterThreeKeepAliveIntervals)
+TEST(AgentChannelTest, SilentControllerIsResetAfterThreeKeepAliveIntervalsAndReconnectedAfterASecond)
 {
     AgentHarness agent;
     auto& controller = agent.AddController(1);
@@ -64,8 +64,14 @@ TEST(AgentChannelTest, SilentControllerIsResetAfterThreeKeepAliveIntervals)
     agent.Start(AgentHarness::SessionOnlyConfig());
     ASSERT_TRUE(controller.WaitForClosed(0, 20s)) << controller.Summary();
     EXPECT_TRUE(agent.Daemon().WaitForStdout("Core: no KeepAlive, connection 127.0.0.1:0 is reset by agent", 10s));
-    // And it comes back.
-    EXPECT_TRUE(controller.WaitForUp(1, 10s)) << controller.Summary();
+    ASSERT_TRUE(controller.WaitForUp(1, 10s)) << controller.Summary();
+    const auto connections = controller.Connections();
+    const auto silence = connections[0].closed.value() - connections[0].established.value();
+    EXPECT_GE(silence, 2500ms);  // three intervals, sampled every quarter
+    EXPECT_LT(silence, 5000ms);
+    const auto gap = connections[1].accepted - connections[0].closed.value();
+    EXPECT_GE(gap, 900ms);
+    EXPECT_LT(gap, 2500ms);
 }
 
 TEST(AgentChannelTest, BadFramesResetTheConnectionWithTheirReason)
