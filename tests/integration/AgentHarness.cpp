@@ -69,16 +69,19 @@ DpSim::DataPathSim& AgentHarness::AddDataPath(bool autoFullSync)
     return *_dataPath;
 }
 
+bool AgentHarness::IsOpen(const CtrlSim::RecordedMessage& msg)
+{
+    return msg.Is(CtrlSim::MsgType::SessionControl, CtrlSim::SessionHandler::ProtocolId) && !msg.body.empty() &&
+           msg.body[0] == CtrlSim::SessionHandler::Open;
+}
+
 CtrlSim::ControllerSim* AgentHarness::SessionController()
 {
     CtrlSim::ControllerSim* latest = nullptr;
     CtrlSim::SteadyTime latestOpen{};
     for (const auto& controller : _controllers) {
         const auto messages = controller->Messages();
-        const auto open = std::find_if(messages.rbegin(), messages.rend(), [](const CtrlSim::RecordedMessage& msg) {
-            return msg.Is(CtrlSim::MsgType::SessionControl, CtrlSim::SessionHandler::ProtocolId) && !msg.body.empty() &&
-                   msg.body[0] == CtrlSim::SessionHandler::Open;
-        });
+        const auto open = std::find_if(messages.rbegin(), messages.rend(), IsOpen);
         if (open != messages.rend() && (latest == nullptr || open->received > latestOpen)) {
             latest = controller.get();
             latestOpen = open->received;

@@ -43,6 +43,8 @@ public:
     DpSim::DataPathSim& AddDataPath(bool autoFullSync);
     DpSim::DataPathSim& DataPath() { return *_dataPath; }
 
+    // The host's Open of its session.
+    static bool IsOpen(const CtrlSim::RecordedMessage& msg);
     // The controller that holds the host's session: the one that got the
     // latest Open; null before any.
     CtrlSim::ControllerSim* SessionController();

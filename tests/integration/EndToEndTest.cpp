@@ -63,11 +63,6 @@ DpSim::LocalState::Vif Vif(uint32_t ip, uint64_t mac)
     return vif;
 }
 
-bool IsOpen(const CtrlSim::RecordedMessage& msg)
-{
-    return msg.Is(CtrlSim::MsgType::SessionControl, 257) && !msg.body.empty() && msg.body[0] == 1;
-}
-
 bool IsHostFullSyncEnd(const CtrlSim::RecordedMessage& msg)
 {
     return msg.Is(CtrlSim::MsgType::SessionControl, 256) && !msg.body.empty() && msg.body[0] == 4;
@@ -227,7 +222,7 @@ TEST_F(EndToEndTest, StartUpHandshakeRunsInTheOrderOfBothDomains)
     ASSERT_EQ("", _dataPath->SetVif("vif-1", Vif(0x0A000001, 0x005056000001)));
     const SteadyTime dataPathSpoke = std::chrono::steady_clock::now();
     ASSERT_TRUE(_dataPath->SendFullSync());
-    const auto open = controller.WaitForMessage(IsOpen, kLong);
+    const auto open = controller.WaitForMessage(AgentHarness::IsOpen, kLong);
     ASSERT_TRUE(open) << controller.Summary() << _agent.Daemon().Stdout();
     ASSERT_TRUE(dataPathSpoke <= open->received) << "the Open went out before the data path spoke";
 
@@ -319,7 +314,7 @@ TEST_F(EndToEndTest, SilentDataPathKeepsTheSessionClosed)
     StartAgent();
     ASSERT_TRUE(_dataPath->WaitForAccepted(1, kLong));
     ASSERT_TRUE(_agent.Daemon().WaitForStdout("Session: connection 127.0.0.1:0 is ready", kLong));
-    EXPECT_FALSE(_agent.Controller(0).WaitForMessage(IsOpen, 3s));
+    EXPECT_FALSE(_agent.Controller(0).WaitForMessage(AgentHarness::IsOpen, 3s));
     EXPECT_TRUE(_dataPath->Messages().empty());
 }
 
