@@ -17,7 +17,6 @@
 // sizes, and the steps on the way as the simulators recorded them.
 
 #include <signal.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -37,6 +36,7 @@
 #include "DataPathClient.h"
 #include "DpFrame.h"
 #include "L2Stream.h"
+#include "ProcessFootprint.h"
 #include "Relay.h"
 
 namespace {
@@ -46,6 +46,7 @@ using Clock = std::chrono::steady_clock;
 using FenRELBench::L2Stream;
 using FenRELBench::Relay;
 using FenRELTest::AgentHarness;
+using FenRELTest::ProcessFootprint;
 namespace config = com::corvid::zun::config;
 namespace l2 = com::corvid::zun::l2;
 namespace lcp = com::corvid::zun::lcp;
@@ -91,16 +92,14 @@ std::string LoadAverage()
     return one + " " + five + " " + fifteen;
 }
 
-// CPU time of a process, all its threads, in seconds; the process's CPU
-// clock counts in nanoseconds where /proc's figures count in ticks.
+// CPU time of a process, all its threads, in seconds.
 double CpuSeconds(pid_t pid)
 {
-    clockid_t clock;
-    timespec cpu{};
-    if (clock_getcpuclockid(pid, &clock) != 0 || clock_gettime(clock, &cpu) != 0) {
+    const std::chrono::nanoseconds cpu = ProcessFootprint::CpuTime(pid);
+    if (cpu.count() == 0) {
         Die("no CPU clock for process " + std::to_string(pid));
     }
-    return static_cast<double>(cpu.tv_sec) + static_cast<double>(cpu.tv_nsec) / 1e9;
+    return Seconds(cpu);
 }
 
 size_t MacItems(const DpSim::DataPathView& view, const L2Stream& stream)

@@ -1,11 +1,9 @@
 #include "ProcessFootprint.h"
 
 #include <dirent.h>
-#include <unistd.h>
+#include <time.h>
 
 #include <fstream>
-#include <iterator>
-#include <sstream>
 #include <string>
 
 // Under AddressSanitizer freed memory waits in quarantine, so resident memory
@@ -53,27 +51,6 @@ size_t ReadRssKb(const std::string& statusPath)
     return 0;
 }
 
-std::chrono::milliseconds ReadCpu(const std::string& statPath)
-{
-    std::ifstream in(statPath);
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    const size_t nameEnd = text.rfind(')');
-    if (nameEnd == std::string::npos) {
-        return std::chrono::milliseconds(0);
-    }
-    // The name may hold spaces; after its ')' come the state (field 3) and
-    // the rest, utime and stime being fields 14 and 15, in clock ticks.
-    std::istringstream fields(text.substr(nameEnd + 1));
-    std::string field;
-    unsigned long long ticks = 0;
-    for (int i = 3; i <= 15 && fields >> field; ++i) {
-        if (i >= 14) {
-            ticks += std::stoull(field);
-        }
-    }
-    return std::chrono::milliseconds(ticks * 1000 / static_cast<unsigned long long>(sysconf(_SC_CLK_TCK)));
-}
-
 }  // namespace
 
 ProcessFootprint ProcessFootprint::Of(pid_t pid)
@@ -82,8 +59,19 @@ ProcessFootprint ProcessFootprint::Of(pid_t pid)
     ProcessFootprint footprint;
     footprint.openFds = CountEntries(proc + "/fd");
     footprint.rssKb = ReadRssKb(proc + "/status");
-    footprint.cpu = ReadCpu(proc + "/stat");
+    footprint.cpu = CpuTime(pid);
     return footprint;
+}
+
+std::chrono::nanoseconds ProcessFootprint::CpuTime(pid_t pid)
+{
+    // The process's CPU clock counts in nanoseconds, /proc/PID/stat in ticks.
+    clockid_t clock;
+    timespec cpu{};
+    if (clock_getcpuclockid(pid, &clock) != 0 || clock_gettime(clock, &cpu) != 0) {
+        return std::chrono::nanoseconds(0);
+    }
+    return std::chrono::seconds(cpu.tv_sec) + std::chrono::nanoseconds(cpu.tv_nsec);
 }
 
 testing::AssertionResult ProcessFootprint::GrowsAtMost(const ProcessFootprint& later, size_t moreFds, size_t moreRssKb) const

@@ -15,10 +15,12 @@ namespace FenRELTest {
 struct ProcessFootprint {
     size_t openFds = 0;
     size_t rssKb = 0;
-    std::chrono::milliseconds cpu{0};  // user and system
+    std::chrono::nanoseconds cpu{0};  // user and system, all threads
 
     // Zero fields for a process that is gone.
     static ProcessFootprint Of(pid_t pid);
+    // The CPU time alone; zero for a process that is gone.
+    static std::chrono::nanoseconds CpuTime(pid_t pid);
 
     // Whether `later` holds at most `moreFds` more descriptors and `moreRssKb`
     // more resident memory than this reading. Under AddressSanitizer only the

@@ -129,12 +129,11 @@ void SimConnection::CheckFrameHeader(const FrameHeader& header)
 
 void SimConnection::Send(const OutMessage& msg)
 {
-    std::vector<Bytes> frames = MessageWriter::Frames(msg);
     if (_closed) {
         return;
     }
     _owner.MessageSent(_index, msg, std::chrono::steady_clock::now());
-    for (Bytes& frame : frames) {
+    for (Bytes& frame : MessageWriter::Frames(msg)) {
         SendRaw(std::move(frame));
     }
 }

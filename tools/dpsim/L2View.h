@@ -27,8 +27,9 @@ public:
     void Clear();
     // Counting only: the items of a VNI are counted by type (a mapping
     // update's ADDs add to the count and its DELs take away, never below
-    // zero) and not kept, so that millions of them cost little. HasItem, ToFullMessage and the listing of
-    // Describe then know no items. For load runs; set before the first Apply.
+    // zero) and not kept, so that millions of them cost little. HasItem,
+    // ToFullMessage and the listing of Describe then know no items. For load
+    // runs; set before the first Apply.
     void SetCountOnly(bool on) { _countOnly = on; }
 
     // A mapping update as counting sees it.

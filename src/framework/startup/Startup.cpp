@@ -1,4 +1,3 @@
-#include "ChannelCore.h"
 #include "Startup.h"
 
 #include <syslog.h>
@@ -15,6 +14,7 @@
 #include "AppFactory.h"
 #include "AppManager.h"
 #include "CPDomainManager.h"
+#include "ChannelCore.h"
 #include "ConfigManager.h"
 #include "Configuration.h"
 #include "DPPlatform.h"
